@@ -1,0 +1,588 @@
+#include "vprinter.h"
+
+#include <umockdev.h>
+
+#include <errno.h>
+#include <linux/ioctl.h>
+#include <linux/usbdevice_fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <cstdlib>
+#include <deque>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <stdexcept>
+
+namespace vprinter {
+
+namespace {
+
+const uint8_t esc_netcfg[] = {0x1B, 0x5E, 0x49, 0x53};
+const uint8_t log_prefix[] = {0x1B, 0x1D, 0x1E, 0x10};
+const uint8_t log_trailer[] = {0x1B, 0x1D, 0x1F};
+
+const char* const manufacturer_text = "Virtual Printers";
+const char* const product_text = "Virtual Printer";
+
+void put16(Bytes& b, uint16_t v)
+{
+    b.push_back(static_cast<uint8_t>(v));
+    b.push_back(static_cast<uint8_t>(v >> 8));
+}
+
+void put32(Bytes& b, uint32_t v)
+{
+    for (int i = 0; i < 4; ++i)
+        b.push_back(static_cast<uint8_t>(v >> (8 * i)));
+}
+
+uint32_t get32(const uint8_t* p)
+{
+    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+}
+
+Bytes interface_desc(uint8_t number, uint8_t cls, const Bytes& endpoints, uint8_t ep_type)
+{
+    Bytes d = {9, 4, number, 0, static_cast<uint8_t>(endpoints.size()), cls, uint8_t(cls == 7 ? 1 : 1),
+               uint8_t(cls == 7 ? 2 : 1), 0};
+    for (uint8_t ep : endpoints) {
+        const Bytes e = {7, 5, ep, ep_type, 0x00, 0x02, 0};
+        d.insert(d.end(), e.begin(), e.end());
+    }
+    return d;
+}
+
+// Device descriptor followed by the one configuration, as sysfs shows them.
+Bytes descriptors(const DeviceSpec& spec)
+{
+    Bytes d = {18, 1, 0x00, 0x02, 0, 0, 0, 64};
+    put16(d, spec.vid);
+    put16(d, spec.pid);
+    put16(d, 0x0100);
+    d.push_back(1);
+    d.push_back(2);
+    d.push_back(spec.serial.empty() ? 0 : 3);
+    d.push_back(1);
+
+    Bytes interfaces;
+    uint8_t count = 1;
+    switch (spec.kind) {
+    case Kind::Printer:
+        interfaces = interface_desc(spec.interface_number, 7, spec.endpoints, 2);
+        break;
+    case Kind::NoEndpoint:
+        interfaces = interface_desc(spec.interface_number, 7, {}, 2);
+        break;
+    case Kind::NoInterface:
+        count = 0;
+        break;
+    case Kind::Other: {
+        interfaces = interface_desc(0, 3, {0x83}, 3);
+        const Bytes printer = interface_desc(1, 7, {0x04, 0x85}, 2);
+        interfaces.insert(interfaces.end(), printer.begin(), printer.end());
+        count = 2;
+        break;
+    }
+    }
+    Bytes cfg = {9, 2};
+    put16(cfg, static_cast<uint16_t>(9 + interfaces.size()));
+    cfg.insert(cfg.end(), {count, 1, 0, 0xC0, 50});
+    d.insert(d.end(), cfg.begin(), cfg.end());
+    d.insert(d.end(), interfaces.begin(), interfaces.end());
+    return d;
+}
+
+Bytes string_desc(const std::string& text)
+{
+    Bytes d = {static_cast<uint8_t>(2 + 2 * text.size()), 3};
+    for (char c : text)
+        put16(d, static_cast<uint8_t>(c));
+    return d;
+}
+
+struct Device;
+
+} // namespace
+
+struct Testbed::State {
+    mutable std::mutex mutex;
+    Faults faults;
+    UMockdevTestbed* testbed = nullptr;
+    std::vector<std::unique_ptr<Device>> devices;
+    std::vector<std::string> frames;
+    std::vector<ControlRequest> controls;
+    std::ofstream record;
+    long transfers = 0;
+    long reads_answered = 0;
+    std::string description;
+};
+
+namespace {
+
+// One emulated USB device and, for printers, its firmware.
+struct Device {
+    Testbed::State* bed;
+    DeviceSpec spec;
+    Firmware fw;
+    std::string syspath;
+    std::string devnode;
+    UMockdevIoctlBase* handler = nullptr;
+    std::deque<Bytes> replies;
+    std::vector<UMockdevIoctlData*> pending_in;  // IN URBs waiting for a reply
+    std::deque<UMockdevIoctlData*> ready;        // finished URBs, waiting to be reaped
+    bool gone = false;
+
+    usbdevfs_urb* urb_of(UMockdevIoctlData* d) { return reinterpret_cast<usbdevfs_urb*>(d->data); }
+
+    void finish(UMockdevIoctlData* urb_data, int status, int actual)
+    {
+        urb_of(urb_data)->status = status;
+        urb_of(urb_data)->actual_length = actual;
+        ready.push_back(urb_data);
+    }
+
+    // What the firmware does with one command frame.
+    void receive(const Bytes& f)
+    {
+        std::optional<Bytes> reply;
+        if (f.size() >= 5 && std::equal(std::begin(esc_netcfg), std::end(esc_netcfg), f.begin())) {
+            if (f[4] == 'R' && f.size() == 5)
+                reply = fw.netcfg;
+            else if (f[4] == 'W' && f.size() == 18)
+                fw.netcfg.assign(f.begin() + 5, f.end());
+        } else if (f.size() >= 8 && std::equal(std::begin(log_prefix), std::end(log_prefix), f.begin()) &&
+                   std::equal(std::begin(log_trailer), std::end(log_trailer), f.end() - 3)) {
+            if (f[4] == 'W' && f.size() == 8) {
+                Bytes r;
+                put32(r, static_cast<uint32_t>(fw.job_log.size()));
+                for (uint32_t t : fw.job_log)
+                    put32(r, t);
+                reply = r;
+            } else if (f[4] == 0x1D && f.size() == 12) {
+                fw.job_log.push_back(get32(&f[5]));
+            } else if (f[4] == 'U' && f.size() == 8) {
+                fw.job_log.clear();
+            }
+        }
+        if (!reply || bed->faults.no_reply)
+            return;
+        replies.push_back(bed->faults.reply ? *bed->faults.reply : *reply);
+    }
+
+    // Answers the oldest waiting read, if the firmware has something to say.
+    void serve_reads()
+    {
+        while (!pending_in.empty() && !replies.empty()) {
+            UMockdevIoctlData* urb_data = pending_in.front();
+            pending_in.erase(pending_in.begin());
+            fill_in(urb_data, replies.front());
+            replies.pop_front();
+        }
+    }
+
+    void fill_in(UMockdevIoctlData* urb_data, Bytes reply)
+    {
+        usbdevfs_urb* urb = urb_of(urb_data);
+        const size_t capacity = static_cast<size_t>(urb->buffer_length);
+        if (bed->faults.overflow)
+            reply.resize(capacity + 1, 0xAA);
+        const size_t n = std::min(reply.size(), capacity);
+        if (n > 0)
+            memcpy(urb->buffer, reply.data(), n);
+        ++bed->reads_answered;
+        finish(urb_data, reply.size() > capacity ? -EOVERFLOW : 0, static_cast<int>(n));
+    }
+
+    std::optional<Bytes> control_reply(const ControlRequest& c)
+    {
+        if (c.request_type == 0x80 && c.request == 6 && (c.value >> 8) == 3) {
+            switch (c.value & 0xFF) {
+            case 0: return Bytes{4, 3, 0x09, 0x04};
+            case 1: return string_desc(manufacturer_text);
+            case 2: return string_desc(product_text);
+            case 3:
+                if (!spec.serial.empty())
+                    return string_desc(spec.serial);
+                break;
+            default: break;
+            }
+            return std::nullopt;
+        }
+        if (c.request_type == 0xA1 && !bed->faults.stall_control) {
+            if (c.request == 0) {
+                const uint16_t len = static_cast<uint16_t>(fw.device_id.size() + 2);
+                Bytes r = {static_cast<uint8_t>(len >> 8), static_cast<uint8_t>(len)};
+                r.insert(r.end(), fw.device_id.begin(), fw.device_id.end());
+                return r;
+            }
+            if (c.request == 1)
+                return Bytes{fw.port_status};
+        }
+        return std::nullopt;  // a stall
+    }
+
+    void submit_control(UMockdevIoctlData* urb_data)
+    {
+        usbdevfs_urb* urb = urb_of(urb_data);
+        auto* buf = static_cast<uint8_t*>(urb->buffer);
+        if (buf == nullptr || urb->buffer_length < 8) {
+            finish(urb_data, -EPIPE, 0);
+            return;
+        }
+        const ControlRequest c = {buf[0], buf[1], static_cast<uint16_t>(buf[2] | buf[3] << 8),
+                                  static_cast<uint16_t>(buf[4] | buf[5] << 8),
+                                  static_cast<uint16_t>(buf[6] | buf[7] << 8)};
+        if (c.request_type != 0x80)
+            bed->controls.push_back(c);
+        std::optional<Bytes> reply = control_reply(c);
+        if (!reply) {
+            finish(urb_data, -EPIPE, 0);
+            return;
+        }
+        const size_t n = std::min<size_t>({reply->size(), c.length, size_t(urb->buffer_length - 8)});
+        memcpy(buf + 8, reply->data(), n);
+        finish(urb_data, 0, static_cast<int>(n));
+    }
+
+    void submit_bulk(UMockdevIoctlData* urb_data)
+    {
+        usbdevfs_urb* urb = urb_of(urb_data);
+        ++bed->transfers;
+        if (urb->endpoint & 0x80) {
+            if (bed->faults.stall_in)
+                finish(urb_data, -EPIPE, 0);
+            else if (urb->buffer_length == 0)
+                finish(urb_data, 0, 0);
+            else
+                pending_in.push_back(urb_data);
+        } else {
+            const auto* buf = static_cast<const uint8_t*>(urb->buffer);
+            const Bytes frame(buf, buf + (buf ? urb->buffer_length : 0));
+            bed->frames.push_back(to_hex(frame.data(), frame.size()));
+            if (bed->record.is_open())
+                bed->record << bed->frames.back() << std::endl;
+            if (bed->faults.stall_out) {
+                finish(urb_data, -EPIPE, 0);
+            } else {
+                receive(frame);
+                finish(urb_data, 0, urb->buffer_length);
+            }
+        }
+        serve_reads();
+        if (bed->faults.unplug_after >= 0 && bed->transfers >= bed->faults.unplug_after)
+            unplug();
+    }
+
+    void unplug()
+    {
+        if (gone)
+            return;
+        gone = true;
+        for (UMockdevIoctlData* urb_data : pending_in)
+            finish(urb_data, -ENODEV, 0);
+        pending_in.clear();
+        umockdev_testbed_remove_device(bed->testbed, syspath.c_str());
+    }
+
+    gboolean handle_ioctl(UMockdevIoctlClient* client)
+    {
+        std::lock_guard<std::mutex> lock(bed->mutex);
+        UMockdevIoctlData* arg = umockdev_ioctl_client_get_arg(client);
+        switch (umockdev_ioctl_client_get_request(client)) {
+        case USBDEVFS_GET_CAPABILITIES: {
+            UMockdevIoctlData* d = umockdev_ioctl_data_resolve(arg, 0, sizeof(guint32), nullptr);
+            *reinterpret_cast<guint32*>(d->data) = USBDEVFS_CAP_BULK_CONTINUATION | USBDEVFS_CAP_NO_PACKET_SIZE_LIM |
+                                                   USBDEVFS_CAP_REAP_AFTER_DISCONNECT | USBDEVFS_CAP_ZERO_PACKET;
+            umockdev_ioctl_client_complete(client, 0, 0);
+            g_object_unref(d);
+            return TRUE;
+        }
+        case USBDEVFS_CLAIMINTERFACE:
+        case USBDEVFS_DISCONNECT_CLAIM:
+            if (gone || bed->faults.busy)
+                umockdev_ioctl_client_complete(client, -1, gone ? ENODEV : EBUSY);
+            else
+                umockdev_ioctl_client_complete(client, 0, 0);
+            return TRUE;
+        case USBDEVFS_RELEASEINTERFACE:
+        case USBDEVFS_IOCTL:
+        case USBDEVFS_CLEAR_HALT:
+        case USBDEVFS_RESET:
+        case USBDEVFS_RESETEP:
+            umockdev_ioctl_client_complete(client, gone ? -1 : 0, gone ? ENODEV : 0);
+            return TRUE;
+        case USBDEVFS_GETDRIVER:
+            umockdev_ioctl_client_complete(client, -1, ENODATA);
+            return TRUE;
+        case USBDEVFS_SUBMITURB: {
+            if (gone) {
+                umockdev_ioctl_client_complete(client, -1, ENODEV);
+                return TRUE;
+            }
+            UMockdevIoctlData* urb_data = umockdev_ioctl_data_resolve(arg, 0, sizeof(usbdevfs_urb), nullptr);
+            usbdevfs_urb* urb = urb_of(urb_data);
+            UMockdevIoctlData* buffer = nullptr;
+            if (urb->buffer_length > 0)
+                buffer = umockdev_ioctl_data_resolve(urb_data, offsetof(usbdevfs_urb, buffer),
+                                                     static_cast<gsize>(urb->buffer_length), nullptr);
+            if (urb->type == USBDEVFS_URB_TYPE_CONTROL)
+                submit_control(urb_data);
+            else if (urb->type == USBDEVFS_URB_TYPE_BULK)
+                submit_bulk(urb_data);
+            else
+                finish(urb_data, -EPIPE, 0);
+            umockdev_ioctl_client_complete(client, 0, 0);
+            if (buffer)
+                g_object_unref(buffer);
+            return TRUE;  // urb_data's reference now belongs to pending_in or ready
+        }
+        case USBDEVFS_REAPURB:
+        case USBDEVFS_REAPURBNDELAY: {
+            if (ready.empty()) {
+                umockdev_ioctl_client_complete(client, -1, gone ? ENODEV : EAGAIN);
+                return TRUE;
+            }
+            UMockdevIoctlData* urb_data = ready.front();
+            ready.pop_front();
+            UMockdevIoctlData* ptr = umockdev_ioctl_data_resolve(arg, 0, sizeof(void*), nullptr);
+            umockdev_ioctl_data_set_ptr(ptr, 0, urb_data);
+            umockdev_ioctl_client_complete(client, 0, 0);
+            g_object_unref(ptr);
+            g_object_unref(urb_data);
+            return TRUE;
+        }
+        case USBDEVFS_DISCARDURB: {
+            const gulong addr = *reinterpret_cast<gulong*>(arg->data);
+            auto it = std::find_if(pending_in.begin(), pending_in.end(),
+                                   [addr](UMockdevIoctlData* d) { return d->client_addr == addr; });
+            if (it == pending_in.end()) {
+                umockdev_ioctl_client_complete(client, -1, EINVAL);
+                return TRUE;
+            }
+            UMockdevIoctlData* urb_data = *it;
+            pending_in.erase(it);
+            finish(urb_data, -ENOENT, 0);
+            umockdev_ioctl_client_complete(client, 0, 0);
+            return TRUE;
+        }
+        default:
+            return FALSE;
+        }
+    }
+
+    ~Device()
+    {
+        for (UMockdevIoctlData* d : pending_in)
+            g_object_unref(d);
+        for (UMockdevIoctlData* d : ready)
+            g_object_unref(d);
+        if (handler) {
+            g_signal_handlers_disconnect_by_data(handler, this);
+            g_object_unref(handler);
+        }
+    }
+};
+
+gboolean on_handle_ioctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer user_data)
+{
+    return static_cast<Device*>(user_data)->handle_ioctl(client);
+}
+
+const char* kind_name(Kind k)
+{
+    switch (k) {
+    case Kind::Printer: return "printer";
+    case Kind::Other: return "keyboard";
+    case Kind::NoInterface: return "device without interfaces";
+    case Kind::NoEndpoint: return "printer interface without endpoints";
+    }
+    return "";
+}
+
+} // namespace
+
+bool preloaded()
+{
+    const char* preload = getenv("LD_PRELOAD");
+    return preload != nullptr && strstr(preload, "libumockdev-preload") != nullptr;
+}
+
+void reexec_under_wrapper(char** argv)
+{
+    if (preloaded())
+        return;
+    // The preload library comes before a sanitizer's runtime.
+    const char* asan = getenv("ASAN_OPTIONS");
+    const std::string opts = asan ? std::string(asan) + ":" : std::string();
+    setenv("ASAN_OPTIONS", (opts + "verify_asan_link_order=0").c_str(), 1);
+    std::vector<char*> args = {const_cast<char*>("umockdev-wrapper")};
+    for (char** a = argv; *a; ++a)
+        args.push_back(*a);
+    args.push_back(nullptr);
+    execvp(args[0], args.data());
+    throw std::runtime_error(std::string("cannot run umockdev-wrapper: ") + strerror(errno) +
+                             " (install the umockdev package)");
+}
+
+std::string to_hex(const uint8_t* data, size_t len)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::string s;
+    for (size_t i = 0; i < len; ++i) {
+        s += digits[data[i] >> 4];
+        s += digits[data[i] & 0xF];
+    }
+    return s;
+}
+
+bool parse_hex(const std::string& text, Bytes& out)
+{
+    std::string digits;
+    for (char c : text) {
+        if (isxdigit(static_cast<unsigned char>(c)))
+            digits += c;
+        else if (!isspace(static_cast<unsigned char>(c)) && c != ':' && c != ',')
+            return false;
+    }
+    if (digits.size() % 2 != 0)
+        return false;
+    out.clear();
+    for (size_t i = 0; i < digits.size(); i += 2)
+        out.push_back(static_cast<uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
+    return true;
+}
+
+Testbed::Testbed(const Scene& scene) : state_(new State)
+{
+    if (!preloaded())
+        throw std::runtime_error("not running under umockdev-wrapper");
+    State& st = *state_;
+    st.faults = scene.faults;
+    if (!scene.record_path.empty()) {
+        st.record.open(scene.record_path, std::ios::trunc);
+        if (!st.record)
+            throw std::runtime_error("cannot write " + scene.record_path);
+    }
+    st.testbed = umockdev_testbed_new();
+
+    const size_t n = scene.devices.size();
+    std::ostringstream desc;
+    for (size_t i = 0; i < n; ++i) {
+        auto dev = std::make_unique<Device>();
+        dev->bed = &st;
+        dev->spec = scene.devices[i];
+        dev->fw = scene.firmware;
+        // libusb lists umockdev's devices by descending device number.
+        const unsigned devnum = static_cast<unsigned>(n - i + 1);
+        char node[64];
+        snprintf(node, sizeof node, "bus/usb/001/%03u", devnum);
+        dev->devnode = std::string("/dev/") + node;
+        dev->syspath = "/sys/devices/usb" + std::to_string(devnum);
+
+        // The handler first: adding the device makes it visible at once.
+        dev->handler = umockdev_ioctl_base_new();
+        g_signal_connect(dev->handler, "handle-ioctl", G_CALLBACK(on_handle_ioctl), dev.get());
+        umockdev_testbed_attach_ioctl(st.testbed, dev->devnode.c_str(), dev->handler, nullptr);
+
+        const Bytes d = descriptors(dev->spec);
+        std::ostringstream rec;
+        rec << "P: /devices/usb" << devnum << "\n"
+            << "N: " << node << "\n"
+            << "E: SUBSYSTEM=usb\nE: DRIVER=usb\nE: BUSNUM=001\n"
+            << "E: DEVNUM=" << node + 12 << "\n"
+            << "E: DEVNAME=" << dev->devnode << "\n"
+            << "E: DEVTYPE=usb_device\n"
+            << "A: bConfigurationValue=1\\n\nA: busnum=1\\n\n"
+            << "A: devnum=" << devnum << "\\n\nA: speed=480\\n\n"
+            << "H: descriptors=" << to_hex(d.data(), d.size()) << "\n";
+        GError* error = nullptr;
+        if (!umockdev_testbed_add_from_string(st.testbed, rec.str().c_str(), &error)) {
+            std::string msg = error ? error->message : "unknown error";
+            g_clear_error(&error);
+            throw std::runtime_error("umockdev: " + msg);
+        }
+        if (dev->spec.unopenable) {
+            // Unreadable for a user; root ignores the mode, so there the node goes.
+            gchar* root = umockdev_testbed_get_root_dir(st.testbed);
+            const std::string path = std::string(root) + dev->devnode;
+            g_free(root);
+            chmod(path.c_str(), 0);
+            if (geteuid() == 0)
+                unlink(path.c_str());
+        }
+
+        desc << (i ? "; " : "") << kind_name(dev->spec.kind);
+        char ids[32];
+        snprintf(ids, sizeof ids, " %04X:%04X", dev->spec.vid, dev->spec.pid);
+        desc << ids;
+        if (dev->spec.kind == Kind::Printer)
+            desc << " sn=" << (dev->spec.serial.empty() ? "(none)" : dev->spec.serial) << " itf="
+                 << int(dev->spec.interface_number) << " ep=" << to_hex(dev->spec.endpoints.data(), dev->spec.endpoints.size());
+        if (dev->spec.unopenable)
+            desc << " (cannot be opened)";
+        st.devices.push_back(std::move(dev));
+    }
+    st.description = n ? desc.str() : "no USB device";
+}
+
+Testbed::~Testbed()
+{
+    // Drop the devices first: their handlers refer to the testbed's sockets.
+    if (state_->testbed)
+        umockdev_testbed_clear(state_->testbed);
+    state_->devices.clear();
+    if (state_->testbed)
+        g_object_unref(state_->testbed);
+}
+
+std::vector<std::string> Testbed::frames() const
+{
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->frames;
+}
+
+std::vector<ControlRequest> Testbed::control_requests() const
+{
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->controls;
+}
+
+Firmware Testbed::firmware(size_t printer) const
+{
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    for (const auto& dev : state_->devices)
+        if (dev->spec.kind == Kind::Printer && printer-- == 0)
+            return dev->fw;
+    return Firmware();
+}
+
+long Testbed::transfers() const
+{
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->transfers;
+}
+
+std::string Testbed::describe() const
+{
+    return state_->description;
+}
+
+std::string Testbed::received() const
+{
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    size_t bytes = 0;
+    for (const std::string& f : state_->frames)
+        bytes += f.size() / 2;
+    std::ostringstream s;
+    s << state_->frames.size() << " frame(s), " << bytes << " byte(s) received; " << state_->reads_answered
+      << " read(s) answered";
+    return s.str();
+}
+
+} // namespace vprinter

@@ -1,0 +1,99 @@
+// An emulated USB printer for the real libusb: umockdev provides the sysfs
+// tree and device nodes, and an in-process ioctl handler plays the printer's
+// firmware on its usbfs node. Used by the virtual-printer tool and the tests.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vprinter {
+
+using Bytes = std::vector<uint8_t>;
+
+enum class Kind {
+    Printer,      // interface 0 of the printer class with the given endpoints
+    Other,        // a keyboard whose second interface is of the printer class
+    NoInterface,  // a configuration without any interface
+    NoEndpoint,   // a printer-class interface without endpoints
+};
+
+struct DeviceSpec {
+    Kind kind = Kind::Printer;
+    uint16_t vid = 0x1A2B;
+    uint16_t pid = 0x00C4;
+    std::string serial = "VP0001";  // empty: no serial-number string (index 0)
+    uint8_t interface_number = 0;
+    Bytes endpoints = {0x01, 0x82};
+    bool unopenable = false;
+};
+
+// What the printer keeps between commands.
+struct Firmware {
+    Bytes netcfg = {0x00, 192, 168, 1, 100, 192, 168, 1, 1, 255, 255, 255, 0};
+    std::vector<uint32_t> job_log;
+    std::string device_id = "MFG:Virtual;CMD:ESC;MDL:VP-1;CLS:PRINTER;";
+    uint8_t port_status = 0x18;  // selected, no error
+};
+
+struct Faults {
+    std::optional<Bytes> reply;  // sent in place of every reply of the firmware
+    bool no_reply = false;       // the firmware never answers: reads time out
+    bool stall_in = false;
+    bool stall_out = false;
+    bool stall_control = false;  // printer-class requests stall
+    bool overflow = false;       // every reply is one byte longer than the read asks for
+    bool busy = false;           // another driver holds the interface: claims fail
+    long unplug_after = -1;      // the printer is unplugged after this many bulk transfers
+};
+
+struct Scene {
+    std::vector<DeviceSpec> devices;  // in the order libusb lists them
+    Firmware firmware;                // each printer starts with a copy
+    Faults faults;
+    std::string record_path;          // every bulk OUT frame, one hex line each
+};
+
+struct ControlRequest {
+    uint8_t request_type;
+    uint8_t request;
+    uint16_t value;
+    uint16_t index;
+    uint16_t length;
+};
+
+// Whether umockdev's preload library is in this process (umockdev-wrapper).
+bool preloaded();
+
+// Restarts this program under umockdev-wrapper unless it runs there already;
+// returns only when it does.
+void reexec_under_wrapper(char** argv);
+
+std::string to_hex(const uint8_t* data, size_t len);
+bool parse_hex(const std::string& text, Bytes& out);
+
+class Testbed {
+public:
+    // Needs the umockdev preload library in the process (umockdev-wrapper).
+    explicit Testbed(const Scene& scene);
+    ~Testbed();
+    Testbed(const Testbed&) = delete;
+    Testbed& operator=(const Testbed&) = delete;
+
+    std::vector<std::string> frames() const;  // bulk OUT frames, lower-case hex, in order
+    std::vector<ControlRequest> control_requests() const;
+    Firmware firmware(size_t printer = 0) const;
+    long transfers() const;  // bulk transfers, all devices
+    std::string describe() const;
+    std::string received() const;
+
+    struct State;
+
+private:
+    std::unique_ptr<State> state_;
+};
+
+} // namespace vprinter
