@@ -193,18 +193,28 @@ int main(int argc, char** argv)
         if (!quiet)
             std::cerr << "virtual-printer: emulating " << bed.describe() << std::endl;
 
+        // Signals that would end us are passed on to the command, and we wait for it.
+        sigset_t forwarded;
+        sigemptyset(&forwarded);
+        for (int sig : {SIGINT, SIGTERM, SIGHUP})
+            sigaddset(&forwarded, sig);
+        sigprocmask(SIG_BLOCK, &forwarded, nullptr);
+
         const pid_t child = fork();
         if (child < 0)
             fail(std::string("fork: ") + strerror(errno));
         if (child == 0) {
+            sigprocmask(SIG_UNBLOCK, &forwarded, nullptr);
             execvp(argv[optind], argv + optind);
             std::cerr << "virtual-printer: cannot run " << argv[optind] << ": " << strerror(errno) << std::endl;
             _exit(127);
         }
-        // The terminal's Ctrl-C reaches the command; we wait for it to end.
-        signal(SIGINT, SIG_IGN);
         int status = 0;
-        while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+        const timespec tick = {0, 50 * 1000 * 1000};
+        while (waitpid(child, &status, WNOHANG) == 0) {
+            const int sig = sigtimedwait(&forwarded, nullptr, &tick);
+            if (sig > 0 && sig != SIGINT)  // the terminal sends Ctrl-C to the command itself
+                kill(child, sig);
         }
         if (!quiet)
             std::cerr << "virtual-printer: " << bed.received() << std::endl;
