@@ -74,10 +74,9 @@ guint8* ip_str_to_bytes(MainWindow* self, const gchar* ip_str, gsize* len)
     g_return_val_if_fail(len != NULL, NULL);
 
     guint8* bytes = static_cast<guint8*>(g_malloc0(4));
-    // Text that does not parse leaves GLib's critical about the missing
-    // address as its only trace; it goes out as 0.0.0.0 like an IPv6 text.
+    // Text that does not parse goes out as 0.0.0.0, like an IPv6 text.
     GInetAddress* addr = g_inet_address_new_from_string(ip_str);
-    if (g_inet_address_get_native_size(addr) == 4)
+    if (addr != NULL && g_inet_address_get_native_size(addr) == 4)
         memcpy(bytes, g_inet_address_to_bytes(addr), 4);
     g_clear_object(&addr);
     *len = 4;

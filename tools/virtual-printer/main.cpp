@@ -39,7 +39,8 @@ static const char usage_text[] =
     "  --device-id=TEXT      the IEEE 1284 device ID\n"
     "  --port-status=BYTE    the port status byte (default 0x18)\n"
     "Faults:\n"
-    "  --reply=HEX           answer every read command with these bytes instead\n"
+    "  --reply=HEX           answer read commands with these bytes instead; repeated,\n"
+    "                        the values are used in turn and the last one repeats\n"
     "  --no-reply            never answer: every read times out\n"
     "  --stall=WHERE         stall 'in', 'out' or 'control' (may be repeated)\n"
     "  --overflow            answer with one byte more than the read asks for\n"
@@ -136,7 +137,7 @@ int main(int argc, char** argv)
         }
         case O_DEVID: scene.firmware.device_id = optarg; break;
         case O_STATUS: scene.firmware.port_status = static_cast<uint8_t>(number(optarg, 0, 255, "--port-status")); break;
-        case O_REPLY: scene.faults.reply = hex_option(optarg, "--reply"); break;
+        case O_REPLY: scene.faults.replies.push_back(hex_option(optarg, "--reply")); break;
         case O_NOREPLY: scene.faults.no_reply = true; break;
         case O_STALL:
             if (!strcmp(optarg, "in")) scene.faults.stall_in = true;

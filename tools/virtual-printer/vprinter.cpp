@@ -16,6 +16,7 @@
 #include <deque>
 #include <fstream>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 
@@ -136,6 +137,7 @@ struct Device {
     std::deque<Bytes> replies;
     std::vector<UMockdevIoctlData*> pending_in;  // IN URBs waiting for a reply
     std::deque<UMockdevIoctlData*> ready;        // finished URBs, waiting to be reaped
+    size_t replies_given = 0;
     bool gone = false;
 
     usbdevfs_urb* urb_of(UMockdevIoctlData* d) { return reinterpret_cast<usbdevfs_urb*>(d->data); }
@@ -172,7 +174,10 @@ struct Device {
         }
         if (!reply || bed->faults.no_reply)
             return;
-        replies.push_back(bed->faults.reply ? *bed->faults.reply : *reply);
+        const std::vector<Bytes>& given = bed->faults.replies;
+        if (!given.empty())
+            reply = given[std::min(replies_given++, given.size() - 1)];
+        replies.push_back(*reply);
     }
 
     // Answers the oldest waiting read, if the firmware has something to say.

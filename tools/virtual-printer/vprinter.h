@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -40,7 +39,7 @@ struct Firmware {
 };
 
 struct Faults {
-    std::optional<Bytes> reply;  // sent in place of every reply of the firmware
+    std::vector<Bytes> replies;  // sent in turn in place of the firmware's replies; the last repeats
     bool no_reply = false;       // the firmware never answers: reads time out
     bool stall_in = false;
     bool stall_out = false;

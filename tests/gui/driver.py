@@ -1,0 +1,195 @@
+"""Drives the real pellavoy binary through the accessibility bus (dogtail).
+
+Needs an X display and a session bus (dbus-run-session -- xvfb-run -a ...);
+starts the accessibility bus itself. Run with Debian's /usr/bin/python3.
+"""
+import os
+import subprocess
+import tempfile
+import time
+
+os.environ["GSETTINGS_BACKEND"] = "memory"
+from gi.repository import Gio  # noqa: E402
+
+# dogtail refuses to start unless the desktop says accessibility is on.
+Gio.Settings.new("org.gnome.desktop.interface").set_boolean("toolkit-accessibility", True)
+
+from dogtail import rawinput, tree  # noqa: E402
+from dogtail.config import config  # noqa: E402
+from Xlib import X, display, protocol  # noqa: E402
+
+config.actionDelay = 0.05
+config.defaultDelay = 0.05
+config.typingDelay = 0.02
+config.searchBackoffDuration = 0.1
+config.searchCutoffCount = 50
+config.logDebugToStdOut = False
+config.logDebugToFile = False
+
+PASSWORD = "724918"
+BUILD = os.environ.get("PELLAVOY_BUILD", os.path.join(os.path.dirname(__file__), "..", "..", "build"))
+_bus = None
+
+
+def start_accessibility_bus():
+    global _bus
+    if _bus is None:
+        _bus = subprocess.Popen(["/usr/libexec/at-spi-bus-launcher", "--launch-immediately"],
+                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        time.sleep(0.5)
+
+
+def stop_accessibility_bus():
+    global _bus
+    if _bus is not None:
+        _bus.terminate()
+        _bus.wait()
+        _bus = None
+
+
+def wait_for(predicate, timeout=10.0, what="condition"):
+    end = time.time() + timeout
+    while time.time() < end:
+        value = predicate()
+        if value:
+            return value
+        time.sleep(0.05)
+    raise AssertionError("timed out waiting for " + what)
+
+
+def press(node):
+    """A click through the accessibility interface: it returns once the
+    widget's handler has run, so what it changed can be read at once."""
+    node.doActionNamed("click")
+
+
+class Pellavoy:
+    """One run of pellavoy under the virtual printer, with the given options."""
+
+    def __init__(self, *printer_options, password=PASSWORD):
+        self.tmp = tempfile.TemporaryDirectory(prefix="pellavoy-gui-")
+        self.frames_path = os.path.join(self.tmp.name, "frames")
+        self.stderr_path = os.path.join(self.tmp.name, "stderr")
+        env = dict(os.environ, GTK_A11Y="atspi", NO_AT_BRIDGE="0", TZ="UTC")
+        self.stderr = open(self.stderr_path, "w")
+        self.proc = subprocess.Popen(
+            [os.path.join(BUILD, "tools", "virtual-printer"), "--quiet", "--record", self.frames_path,
+             *printer_options, "--", os.path.join(BUILD, "pellavoy")],
+            env=env, stdout=subprocess.PIPE, stderr=self.stderr)
+        self.pid = wait_for(self._pellavoy_pid, 10, "pellavoy to start")
+        self.app = wait_for(self._find_app, 20, "pellavoy on the accessibility bus")
+        if password is not None:
+            self.enter_password(password)
+
+    def _find_app(self):
+        for app in tree.root.children:
+            try:
+                if app.get_process_id() == self.pid:
+                    return app
+            except Exception:  # an application that has just gone
+                pass
+        return None
+
+    # --- the password dialog -------------------------------------------------
+    def enter_password(self, text, press_ok=True):
+        entry = self.app.child(roleName="password text")
+        # A popup dialog never gets the keyboard without a window manager, so
+        # the text goes in through the accessibility interface.
+        entry.text = text
+        wait_for(lambda: len(entry.text or "") == len(text) or not text, 5, "the password in the entry")
+        if press_ok:
+            press(self.button("Ok"))
+
+    # --- widgets --------------------------------------------------------------
+    def button(self, name):
+        """The button of that name on the page in front (both pages have a Load)."""
+        return self.app.findChild(lambda n: n.roleName == "push button" and n.name == name and n.showing)
+
+    def click(self, name):
+        press(self.button(name))
+
+    def page(self, name):
+        tab = self.app.child(name=name, roleName="page tab")
+        tabs = [t for t in tab.parent.children if t.roleName == "page tab"]
+        tab.parent.querySelection().selectChild(tabs.index(tab))
+        wait_for(lambda: tab.selected, 5, "page " + name)
+
+    def fields(self):
+        """The network page: {'IP address:': text, ...}."""
+        return {label: entry.text for label, entry in self._entries_by_label().items()}
+
+    def set_field(self, label, text):
+        self._entries_by_label()[label].text = text
+
+    def _entries_by_label(self):
+        # A grid's accessible children come in reverse order: pair by screen row.
+        labels = [n for n in self.app.findChildren(lambda n: n.roleName == "label" and n.name.endswith(":"))]
+        entries = [n for n in self.app.findChildren(lambda n: n.roleName == "text" and n.showing)]
+        out = {}
+        for label in labels:
+            row = label.position[1] + label.size[1] // 2
+            for entry in entries:
+                if entry.position[1] <= row <= entry.position[1] + entry.size[1]:
+                    out[label.name] = entry
+        return out
+
+    def dhcp(self):
+        return self.app.child(name="DHCP", roleName="check box")
+
+    def log_rows(self):
+        """Rows of the job-log list as (time, event) pairs, top to bottom."""
+        tables = self.app.findChildren(lambda n: n.roleName == "table")
+        if not tables:  # a tree view without a model is no table yet
+            return []
+        table = tables[0].queryTable()
+        return [tuple(table.getAccessibleAt(r, c).name for c in range(table.nColumns)) for r in range(table.nRows)]
+
+    # --- what happened ----------------------------------------------------------
+    def frames(self):
+        with open(self.frames_path) as f:
+            return [line.strip() for line in f if line.strip()]
+
+    def stderr_lines(self):
+        self.stderr.flush()
+        with open(self.stderr_path, encoding="utf-8", errors="replace") as f:
+            return f.read().splitlines()
+
+    def ui_lines(self):
+        return [line for line in self.stderr_lines() if line.startswith("[I]main_win:")]
+
+    # --- the end ----------------------------------------------------------------
+    def close_window(self):
+        """Asks the main window to close, as a window manager's close button does."""
+        d = display.Display()
+        pid = self.pid
+        net_wm_pid = d.intern_atom("_NET_WM_PID")
+        protocols = d.intern_atom("WM_PROTOCOLS")
+        delete = d.intern_atom("WM_DELETE_WINDOW")
+        for w in d.screen().root.query_tree().children:
+            prop = w.get_full_property(net_wm_pid, X.AnyPropertyType)
+            attrs = w.get_attributes()
+            if prop and prop.value[0] == pid and attrs.map_state == X.IsViewable:
+                event = protocol.event.ClientMessage(window=w, client_type=protocols, data=(32, [delete, X.CurrentTime, 0, 0, 0]))
+                w.send_event(event)
+        d.flush()
+        d.close()
+
+    def _pellavoy_pid(self):
+        out = subprocess.run(["pgrep", "-P", str(self.proc.pid)], capture_output=True, text=True).stdout.split()
+        return int(out[0]) if out else None
+
+    def wait(self, timeout=15):
+        status = self.proc.wait(timeout)
+        self.stdout = self.proc.stdout.read()
+        return status
+
+    def finish(self):
+        if self.proc.poll() is None:
+            self.close_window()
+            try:
+                self.proc.wait(10)
+            except subprocess.TimeoutExpired:
+                self.proc.kill()
+                self.proc.wait()
+        self.stderr.close()
+        self.tmp.cleanup()

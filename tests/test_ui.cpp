@@ -1,0 +1,268 @@
+// The window and the password dialog in-process, on a real display (Xvfb),
+// with an emulated printer for the actions whose buttons never show.
+#include "COMMON/plog_ex.h"
+#include "main_win.h"
+#include "passwd_dlg.h"
+#include "support.h"
+#include "vprinter.h"
+
+#include <gtest/gtest.h>
+
+#include <ctime>
+
+using testing_support::Capture;
+
+namespace {
+
+// Answers the password dialog as soon as the show handler runs it.
+gboolean answer_dialog(gpointer text)
+{
+    GList* toplevels = gtk_window_list_toplevels();
+    for (GList* l = toplevels; l; l = l->next) {
+        if (!PASSWD_IS_DIALOG(l->data))
+            continue;
+        GtkWidget* dialog = GTK_WIDGET(l->data);
+        auto* entry = GTK_ENTRY(gtk_widget_get_template_child(dialog, PASSWD_TYPE_DIALOG, "ctl_passwd"));
+        gtk_entry_set_text(entry, static_cast<const char*>(text));
+        gtk_button_clicked(GTK_BUTTON(gtk_dialog_get_widget_for_response(GTK_DIALOG(dialog), GTK_RESPONSE_OK)));
+    }
+    g_list_free(toplevels);
+    return G_SOURCE_REMOVE;
+}
+
+GtkWidget* child_of(MainWindow* win, const char* name)
+{
+    return GTK_WIDGET(gtk_widget_get_template_child(GTK_WIDGET(win), MAIN_TYPE_WINDOW, name));
+}
+
+// The user interface's own lines ("[I]main_win:..."), without the manager's.
+std::vector<std::string> ui_lines(const Capture& log)
+{
+    std::vector<std::string> out;
+    for (const std::string& m : log.messages())
+        if (m.rfind("I:[I]", 0) == 0)
+            out.push_back(m.substr(2));
+    return out;
+}
+
+class Ui : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        log.clear();
+        g_log_set_default_handler(my_glib_log_func, nullptr);
+    }
+    Capture& log = Capture::install();
+};
+
+} // namespace
+
+TEST_F(Ui, PasswordDialogAcceptsOnlyTheExactPasswordOnOk)
+{
+    struct Case {
+        const char* text;
+        int response;  // 0: a click on Ok
+        gboolean is_ok;
+    };
+    const Case cases[] = {
+        {"724918", 0, TRUE},
+        {"724918 ", 0, FALSE},
+        {"", 0, FALSE},
+        {"724919", 0, FALSE},
+        {"724918", GTK_RESPONSE_DELETE_EVENT, FALSE},  // closed without Ok
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.text);
+        PasswdDialog* dialog = passwd_dialog_new();
+        g_object_ref_sink(dialog);
+        int closed = 0;
+        g_signal_connect_swapped(dialog, "close", G_CALLBACK(+[](int* n) { ++*n; }), &closed);
+        auto* entry = GTK_ENTRY(gtk_widget_get_template_child(GTK_WIDGET(dialog), PASSWD_TYPE_DIALOG, "ctl_passwd"));
+        gtk_entry_set_text(entry, c.text);
+        if (c.response == 0)
+            gtk_button_clicked(GTK_BUTTON(gtk_dialog_get_widget_for_response(GTK_DIALOG(dialog), GTK_RESPONSE_OK)));
+        else
+            gtk_dialog_response(GTK_DIALOG(dialog), c.response);
+        gboolean is_ok = !c.is_ok;
+        g_object_get(dialog, "is-ok", &is_ok, NULL);
+        EXPECT_EQ(is_ok, c.is_ok);
+        EXPECT_EQ(closed, 1) << "every response closes the dialog";
+        gtk_widget_destroy(GTK_WIDGET(dialog));
+        g_object_unref(dialog);
+    }
+}
+
+TEST_F(Ui, EnterInThePasswordEntryDoesNotRespond)
+{
+    PasswdDialog* dialog = passwd_dialog_new();
+    g_object_ref_sink(dialog);
+    int responses = 0;
+    g_signal_connect_swapped(dialog, "response", G_CALLBACK(+[](int* n) { ++*n; }), &responses);
+    auto* entry = GTK_ENTRY(gtk_widget_get_template_child(GTK_WIDGET(dialog), PASSWD_TYPE_DIALOG, "ctl_passwd"));
+    gtk_entry_set_text(entry, "724918");
+    gtk_widget_activate(GTK_WIDGET(entry));
+    EXPECT_EQ(responses, 0);
+    EXPECT_FALSE(passwd_dialog_get_is_ok(dialog));
+    gtk_widget_destroy(GTK_WIDGET(dialog));
+    g_object_unref(dialog);
+}
+
+TEST_F(Ui, IsOkNotifiesOnlyOnChange)
+{
+    PasswdDialog* dialog = passwd_dialog_new();
+    g_object_ref_sink(dialog);
+    int notified = 0;
+    g_signal_connect_swapped(dialog, "notify::is-ok", G_CALLBACK(+[](int* n) { ++*n; }), &notified);
+    passwd_dialog_set_is_ok(dialog, FALSE);
+    g_object_set(dialog, "is-ok", FALSE, NULL);
+    EXPECT_EQ(notified, 0);
+    g_object_set(dialog, "is-ok", TRUE, NULL);
+    passwd_dialog_set_is_ok(dialog, TRUE);
+    EXPECT_EQ(notified, 1);
+    EXPECT_TRUE(passwd_dialog_get_is_ok(dialog));
+
+    log.clear();
+    EXPECT_FALSE(passwd_dialog_get_is_ok(nullptr));
+    ASSERT_EQ(log.messages().size(), 1u);
+    EXPECT_NE(log.messages()[0].find("assertion 'self != NULL' failed"), std::string::npos);
+    gtk_widget_destroy(GTK_WIDGET(dialog));
+    g_object_unref(dialog);
+}
+
+TEST_F(Ui, WindowAfterTheRightPassword)
+{
+    MainWindow* win = main_window_new();
+    g_object_ref_sink(win);
+    g_idle_add(answer_dialog, const_cast<char*>("724918"));
+    gtk_widget_show_all(GTK_WIDGET(win));
+
+    EXPECT_TRUE(gtk_widget_get_visible(GTK_WIDGET(win)));
+    EXPECT_FALSE(gtk_widget_get_visible(child_of(win, "ctl_trigger")));
+    EXPECT_FALSE(gtk_widget_get_visible(child_of(win, "ctl_reset")));
+    while (gtk_events_pending())
+        gtk_main_iteration();
+    EXPECT_FALSE(gtk_widget_get_visible(child_of(win, "ctl_trigger"))) << "they stay hidden";
+
+    GtkTreeView* view = GTK_TREE_VIEW(child_of(win, "ctl_log_view"));
+    ASSERT_EQ(gtk_tree_view_get_n_columns(view), 2);
+    EXPECT_STREQ(gtk_tree_view_column_get_title(gtk_tree_view_get_column(view, 0)), "Time");
+    EXPECT_STREQ(gtk_tree_view_column_get_title(gtk_tree_view_get_column(view, 1)), "Event");
+    EXPECT_EQ(gtk_tree_view_get_model(view), nullptr) << "no model before the first load";
+    EXPECT_TRUE(ui_lines(log).empty()) << "nothing is sent until a button is pressed";
+
+    gtk_widget_destroy(GTK_WIDGET(win));
+    g_object_unref(win);
+}
+
+TEST_F(Ui, HiddenActionsSendTheirFramesAndReadNothing)
+{
+    vprinter::Scene scene;
+    scene.devices.emplace_back();
+    scene.firmware.job_log = {1, 2};
+    vprinter::Testbed bed(scene);
+    MainWindow* win = main_window_new();
+    g_object_ref_sink(win);
+    log.clear();
+
+    const auto before = static_cast<uint32_t>(time(nullptr));
+    main_window_on_log_trigger(nullptr, win);
+    const auto after = static_cast<uint32_t>(time(nullptr));
+    std::vector<std::string> frames = bed.frames();
+    ASSERT_EQ(frames.size(), 1u);
+    const std::string& f = frames[0];
+    ASSERT_EQ(f.size(), 24u);
+    EXPECT_EQ(f.substr(0, 10), "1b1d1e101d");
+    EXPECT_EQ(f.substr(18), "1b1d1f");
+    uint32_t t = 0;
+    for (int i = 3; i >= 0; --i)
+        t = t << 8 | static_cast<uint32_t>(std::stoul(f.substr(10 + 2 * i, 2), nullptr, 16));
+    EXPECT_GE(t, before);
+    EXPECT_LE(t, after);
+    EXPECT_EQ(ui_lines(log), (std::vector<std::string>{"[I]main_win:107: trigger timestamp",
+                                                       "[I]main_win:111: timestamp: " + std::to_string(t)}));
+    EXPECT_EQ(log.messages().at(1).substr(2), "[I]main_win:111: timestamp: " + std::to_string(t))
+        << "the time is taken before the device search";
+
+    log.clear();
+    main_window_on_log_reset(nullptr, win);
+    frames = bed.frames();
+    EXPECT_EQ(frames.back(), "1b1d1e10551b1d1f");
+    EXPECT_EQ(ui_lines(log), std::vector<std::string>{"[I]main_win:95: reset log"});
+    EXPECT_EQ(bed.transfers(), 2) << "neither action reads";
+    EXPECT_EQ(bed.firmware().job_log, (std::vector<uint32_t>{})) << "the printer took the reset";
+
+    gtk_widget_destroy(GTK_WIDGET(win));
+    g_object_unref(win);
+}
+
+TEST_F(Ui, WithoutAPrinterEachActionOnlyLogsItsFirstLine)
+{
+    vprinter::Testbed bed(vprinter::Scene{});
+    MainWindow* win = main_window_new();
+    g_object_ref_sink(win);
+    log.clear();
+    const struct {
+        void (*action)(GtkButton*, MainWindow*);
+        const char* line;
+    } actions[] = {
+        {main_window_on_netcfg_save, "[I]main_win:48: saving net config"},
+        {main_window_on_netcfg_load, "[I]main_win:22: loading net config"},
+        {main_window_on_log_load, "[I]main_win:65: loading log"},
+        {main_window_on_log_reset, "[I]main_win:95: reset log"},
+    };
+    for (const auto& a : actions) {
+        log.clear();
+        a.action(nullptr, win);
+        EXPECT_EQ(ui_lines(log), std::vector<std::string>{a.line});
+    }
+    EXPECT_EQ(bed.transfers(), 0);
+
+    // A null window: GLib's critical, nothing else.
+    log.clear();
+    for (const auto& a : actions)
+        a.action(nullptr, nullptr);
+    for (const std::string& m : log.messages())
+        EXPECT_NE(m.find("assertion 'self != NULL' failed"), std::string::npos) << m;
+    EXPECT_EQ(log.messages().size(), 4u);
+
+    gtk_widget_destroy(GTK_WIDGET(win));
+    g_object_unref(win);
+}
+
+TEST_F(Ui, AddressConversion)
+{
+    MainWindow* win = main_window_new();
+    g_object_ref_sink(win);
+    const struct {
+        const char* text;
+        const char* octets;
+    } cases[] = {
+        {"10.0.0.254", "\x0a\x00\x00\xfe"}, {"255.255.255.0", "\xff\xff\xff\x00"}, {"300.1.1.1", "\0\0\0\0"},
+        {"::1", "\0\0\0\0"},              {"printer.local", "\0\0\0\0"},       {"", "\0\0\0\0"},
+    };
+    for (const auto& c : cases) {
+        gsize len = 0;
+        guint8* bytes = ip_str_to_bytes(win, c.text, &len);
+        ASSERT_NE(bytes, nullptr);
+        EXPECT_EQ(len, 4u);
+        EXPECT_EQ(memcmp(bytes, c.octets, 4), 0) << c.text;
+        g_free(bytes);
+    }
+    gsize len = 99;
+    EXPECT_EQ(ip_str_to_bytes(nullptr, "1.2.3.4", &len), nullptr);
+    EXPECT_EQ(ip_str_to_bytes(win, nullptr, &len), nullptr);
+    EXPECT_EQ(len, 99u);
+
+    const guint8 num[] = {0xC3, 0xB2, 0xA1, 0x65};
+    EXPECT_EQ(bytes_to_num(num), 1705095875u);
+    gtk_widget_destroy(GTK_WIDGET(win));
+    g_object_unref(win);
+}
+
+int main(int argc, char** argv)
+{
+    testing_support::run_under_umockdev(argc, argv);
+    gtk_init(&argc, &argv);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
