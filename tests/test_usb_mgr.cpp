@@ -64,6 +64,18 @@ public:
     }
 };
 
+// An emulated scene with its first printer opened.
+struct Opened {
+    explicit Opened(const Scene& scene) : bed(scene)
+    {
+        mgr.enumerate();
+        handle = mgr.open(size_t(0));
+    }
+    Testbed bed;
+    UsbManager mgr;
+    const void* handle = nullptr;
+};
+
 class UsbMgr : public ::testing::Test {
 protected:
     void SetUp() override { log.clear(); }
@@ -245,10 +257,8 @@ TEST_F(UsbMgr, HandleValidityAndClose)
 
 TEST_F(UsbMgr, WriteThenReadPutsExactBytesOnTheBus)
 {
-    Testbed bed(scene_of({printer()}));
-    UsbManager mgr;
-    mgr.enumerate();
-    const void* h = mgr.open(size_t(0));
+    Opened o(scene_of({printer()}));
+    const void* h = o.handle;
     log.clear();
 
     EXPECT_EQ(UsbManager::write(h, read_netcfg, 5, 0), 5);
@@ -258,7 +268,7 @@ TEST_F(UsbMgr, WriteThenReadPutsExactBytesOnTheBus)
     EXPECT_EQ(buf.size(), 64u);
     for (size_t i = 13; i < buf.size(); ++i)
         ASSERT_EQ(buf[i], '\x55') << "byte " << i << " behind the reply changed";
-    EXPECT_EQ(bed.frames(), std::vector<std::string>{"1b5e495352"});
+    EXPECT_EQ(o.bed.frames(), std::vector<std::string>{"1b5e495352"});
     EXPECT_EQ(log.messages(), (std::vector<std::string>{"D:wrote 5 bytes", "D:read 13 bytes"}));
     const std::vector<testing_support::Line> lines = log.lines();
     EXPECT_EQ(lines[0].func, "UsbManager::write");
@@ -268,7 +278,7 @@ TEST_F(UsbMgr, WriteThenReadPutsExactBytesOnTheBus)
     log.clear();
     EXPECT_EQ(UsbManager::write(h, read_netcfg, 0, 0), 0);
     EXPECT_EQ(UsbManager::write(h, nullptr, 5, 0), 0);
-    EXPECT_EQ(bed.transfers(), 2);
+    EXPECT_EQ(o.bed.transfers(), 2);
     EXPECT_TRUE(log.messages().empty());
 }
 
@@ -298,10 +308,8 @@ TEST_F(UsbMgr, TransferFailuresGiveMinusOneAndOneWarning)
         SCOPED_TRACE(c.name);
         Scene s = scene_of({printer()});
         s.faults = c.faults;
-        Testbed bed(s);
-        UsbManager mgr;
-        mgr.enumerate();
-        const void* h = mgr.open(size_t(0));
+        Opened o(s);
+        const void* h = o.handle;
         log.clear();
 
         EXPECT_EQ(UsbManager::write(h, read_netcfg, 5, 0), c.write_result);
@@ -320,13 +328,11 @@ TEST_F(UsbMgr, TransferFailuresGiveMinusOneAndOneWarning)
 
 TEST_F(UsbMgr, ReadIntoAnEmptyVectorIsAZeroLengthTransfer)
 {
-    Testbed bed(scene_of({printer()}));
-    UsbManager mgr;
-    mgr.enumerate();
-    const void* h = mgr.open(size_t(0));
+    Opened o(scene_of({printer()}));
+    const void* h = o.handle;
     std::vector<char> empty;
     EXPECT_EQ(UsbManager::read(h, empty, 200), 0);
-    EXPECT_EQ(bed.transfers(), 1);
+    EXPECT_EQ(o.bed.transfers(), 1);
 }
 
 TEST_F(UsbMgr, PrinterClassRequests)
@@ -350,17 +356,15 @@ TEST_F(UsbMgr, PrinterClassRequests)
         Scene s = scene_of({p});
         s.firmware.device_id = c.device_id;
         s.firmware.port_status = 0x08;
-        Testbed bed(s);
-        UsbManager mgr;
-        mgr.enumerate();
-        const void* h = mgr.open(size_t(0));
+        Opened o(s);
+        const void* h = o.handle;
         std::string id = "old";
         EXPECT_TRUE(UsbManager::get_1284_id(h, id, 1000));
         EXPECT_EQ(id, c.expected);
         uint8_t status = 0xFF;
         EXPECT_TRUE(UsbManager::get_lpt_status(h, status, 1000));
         EXPECT_EQ(status, 0x08);
-        for (const vprinter::ControlRequest& r : bed.control_requests()) {
+        for (const vprinter::ControlRequest& r : o.bed.control_requests()) {
             EXPECT_EQ(r.request_type, 0xA1);
             EXPECT_EQ(r.index, 0) << "the requests always address interface 0";
         }
@@ -371,10 +375,8 @@ TEST_F(UsbMgr, StalledPrinterClassRequestsLeaveTheOutputs)
 {
     Scene s = scene_of({printer()});
     s.faults.stall_control = true;
-    Testbed bed(s);
-    UsbManager mgr;
-    mgr.enumerate();
-    const void* h = mgr.open(size_t(0));
+    Opened o(s);
+    const void* h = o.handle;
     log.clear();
     std::string id = "old";
     uint8_t status = 0x42;

@@ -8,8 +8,8 @@ Usage: dbus-run-session -- xvfb-run -a /usr/bin/python3 tools/screenshots.py DIR
 import os
 import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "gui"))
-import driver  # noqa: E402
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import gui_driver as driver  # noqa: E402
 from gi.repository import Gdk  # noqa: E402
 
 # A printer with a fixed address and a few jobs on the log.

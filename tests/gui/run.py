@@ -3,8 +3,8 @@ import os
 import sys
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import driver  # noqa: E402
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
+import gui_driver as driver  # noqa: E402
 
 driver.start_accessibility_bus()
 try:

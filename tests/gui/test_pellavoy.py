@@ -1,7 +1,7 @@
 """Black-box tests of the real pellavoy binary against the virtual printer."""
 import unittest
 
-from driver import Pellavoy, press
+from gui_driver import Pellavoy, press
 
 ADDR, MASK, GW = "IP address:", "Subnet mask:", "Gateway:"
 READ_NETCFG = "1b5e495352"

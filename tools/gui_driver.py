@@ -1,4 +1,5 @@
-"""Drives the real pellavoy binary through the accessibility bus (dogtail).
+"""Drives the real pellavoy binary through the accessibility bus (dogtail):
+used by the black-box tests, the screenshot script and the benchmark.
 
 Needs an X display and a session bus (dbus-run-session -- xvfb-run -a ...);
 starts the accessibility bus itself. Run with Debian's /usr/bin/python3.
@@ -27,7 +28,7 @@ config.logDebugToStdOut = False
 config.logDebugToFile = False
 
 PASSWORD = "724918"
-BUILD = os.environ.get("PELLAVOY_BUILD", os.path.join(os.path.dirname(__file__), "..", "..", "build"))
+BUILD = os.environ.get("PELLAVOY_BUILD", os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "build"))
 _bus = None
 
 
