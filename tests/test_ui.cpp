@@ -8,7 +8,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <clocale>
 #include <ctime>
+#include <libintl.h>
 
 using testing_support::Capture;
 
@@ -239,6 +242,46 @@ TEST_F(Ui, AddressConversionRefusesNullArguments)
     EXPECT_EQ(len, 99u) << "nothing to append";
     gtk_widget_destroy(GTK_WIDGET(win));
     g_object_unref(win);
+}
+
+static void collect_labels(GtkWidget* widget, gpointer texts)
+{
+    // Buttons and column headers show their text through labels too.
+    if (GTK_IS_LABEL(widget))
+        static_cast<std::vector<std::string>*>(texts)->push_back(gtk_label_get_text(GTK_LABEL(widget)));
+    if (GTK_IS_CONTAINER(widget))
+        gtk_container_forall(GTK_CONTAINER(widget), collect_labels, texts);
+}
+
+TEST_F(Ui, LabelsComeOutInGermanFromTheCatalogue)
+{
+    bindtextdomain("Pellavoy", LOCALE_BUILD_DIR);
+    bind_textdomain_codeset("Pellavoy", "UTF-8");
+    setenv("LANGUAGE", "de", 1);
+    setlocale(LC_ALL, "C.UTF-8");
+
+    MainWindow* win = main_window_new();
+    g_object_ref_sink(win);
+    std::vector<std::string> texts;
+    collect_labels(GTK_WIDGET(win), &texts);
+    std::sort(texts.begin(), texts.end());
+    EXPECT_EQ(texts, (std::vector<std::string>{"Auslösen", "DHCP", "Ereignis", "Gateway:", "IP-Adresse:", "Laden",
+                                               "Laden", "Netzwerkeinstellungen", "Protokoll", "Speichern",
+                                               "Subnetzmaske:", "Zeit", "Zurücksetzen"}));
+
+    PasswdDialog* dialog = passwd_dialog_new();
+    g_object_ref_sink(dialog);
+    texts.clear();
+    collect_labels(GTK_WIDGET(dialog), &texts);
+    EXPECT_NE(std::find(texts.begin(), texts.end(), "Passwort eingeben:"), texts.end());
+    EXPECT_STREQ(g_dgettext("Pellavoy", "Invalid password!"), "Ungültiges Passwort!");
+
+    gtk_widget_destroy(GTK_WIDGET(dialog));
+    g_object_unref(dialog);
+    gtk_widget_destroy(GTK_WIDGET(win));
+    g_object_unref(win);
+    unsetenv("LANGUAGE");
+    setlocale(LC_ALL, "C.UTF-8");
 }
 
 int main(int argc, char** argv)

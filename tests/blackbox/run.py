@@ -1,4 +1,4 @@
-"""Runs the black-box suite; the last line is "gui: N passed, M failed"."""
+"""Runs the black-box suites; the last line is "blackbox: N passed, M failed"."""
 import os
 import sys
 import unittest
@@ -16,5 +16,5 @@ try:
 finally:
     driver.stop_accessibility_bus()
 failed = len(result.failures) + len(result.errors)
-print("gui: %d passed, %d failed" % (result.testsRun - failed, failed))
+print("blackbox: %d passed, %d failed" % (result.testsRun - failed, failed))
 sys.exit(1 if failed or result.testsRun == 0 else 0)
