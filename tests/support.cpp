@@ -58,16 +58,4 @@ void run_under_umockdev(int argc, char** argv)
     vprinter::reexec_under_wrapper(argv);
 }
 
-std::string hex(const std::vector<char>& bytes, size_t n)
-{
-    static const char digits[] = "0123456789abcdef";
-    std::string s;
-    for (size_t i = 0; i < n && i < bytes.size(); ++i) {
-        const auto b = static_cast<unsigned char>(bytes[i]);
-        s += digits[b >> 4];
-        s += digits[b & 0xF];
-    }
-    return s;
-}
-
 } // namespace testing_support

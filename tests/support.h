@@ -34,6 +34,4 @@ private:
 // there yet, so that libusb sees the emulated devices.
 void run_under_umockdev(int argc, char** argv);
 
-std::string hex(const std::vector<char>& bytes, size_t n);
-
 } // namespace testing_support

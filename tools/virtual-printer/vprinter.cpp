@@ -60,25 +60,25 @@ Bytes interface_desc(uint8_t number, uint8_t cls, const Bytes& endpoints, uint8_
 }
 
 // Device descriptor followed by the one configuration, as sysfs shows them.
-Bytes descriptors(const DeviceSpec& spec)
+Bytes descriptors(const DeviceSpec& setup)
 {
     Bytes d = {18, 1, 0x00, 0x02, 0, 0, 0, 64};
-    put16(d, spec.vid);
-    put16(d, spec.pid);
+    put16(d, setup.vid);
+    put16(d, setup.pid);
     put16(d, 0x0100);
     d.push_back(1);
     d.push_back(2);
-    d.push_back(spec.serial.empty() ? 0 : 3);
+    d.push_back(setup.serial.empty() ? 0 : 3);
     d.push_back(1);
 
     Bytes interfaces;
     uint8_t count = 1;
-    switch (spec.kind) {
+    switch (setup.kind) {
     case Kind::Printer:
-        interfaces = interface_desc(spec.interface_number, 7, spec.endpoints, 2);
+        interfaces = interface_desc(setup.interface_number, 7, setup.endpoints, 2);
         break;
     case Kind::NoEndpoint:
-        interfaces = interface_desc(spec.interface_number, 7, {}, 2);
+        interfaces = interface_desc(setup.interface_number, 7, {}, 2);
         break;
     case Kind::NoInterface:
         count = 0;
@@ -129,7 +129,7 @@ namespace {
 // One emulated USB device and, for printers, its firmware.
 struct Device {
     Testbed::State* bed;
-    DeviceSpec spec;
+    DeviceSpec setup;
     Firmware fw;
     std::string syspath;
     std::string devnode;
@@ -212,8 +212,8 @@ struct Device {
             case 1: return string_desc(manufacturer_text);
             case 2: return string_desc(product_text);
             case 3:
-                if (!spec.serial.empty())
-                    return string_desc(spec.serial);
+                if (!setup.serial.empty())
+                    return string_desc(setup.serial);
                 break;
             default: break;
             }
@@ -481,7 +481,7 @@ Testbed::Testbed(const Scene& scene) : state_(new State)
     for (size_t i = 0; i < n; ++i) {
         auto dev = std::make_unique<Device>();
         dev->bed = &st;
-        dev->spec = scene.devices[i];
+        dev->setup = scene.devices[i];
         dev->fw = scene.firmware;
         // libusb lists umockdev's devices by descending device number.
         const unsigned devnum = static_cast<unsigned>(n - i + 1);
@@ -495,7 +495,7 @@ Testbed::Testbed(const Scene& scene) : state_(new State)
         g_signal_connect(dev->handler, "handle-ioctl", G_CALLBACK(on_handle_ioctl), dev.get());
         umockdev_testbed_attach_ioctl(st.testbed, dev->devnode.c_str(), dev->handler, nullptr);
 
-        const Bytes d = descriptors(dev->spec);
+        const Bytes d = descriptors(dev->setup);
         std::ostringstream rec;
         rec << "P: /devices/usb" << devnum << "\n"
             << "N: " << node << "\n"
@@ -512,7 +512,7 @@ Testbed::Testbed(const Scene& scene) : state_(new State)
             g_clear_error(&error);
             throw std::runtime_error("umockdev: " + msg);
         }
-        if (dev->spec.unopenable) {
+        if (dev->setup.unopenable) {
             // Unreadable for a user; root ignores the mode, so there the node goes.
             gchar* root = umockdev_testbed_get_root_dir(st.testbed);
             const std::string path = std::string(root) + dev->devnode;
@@ -522,14 +522,14 @@ Testbed::Testbed(const Scene& scene) : state_(new State)
                 unlink(path.c_str());
         }
 
-        desc << (i ? "; " : "") << kind_name(dev->spec.kind);
+        desc << (i ? "; " : "") << kind_name(dev->setup.kind);
         char ids[32];
-        snprintf(ids, sizeof ids, " %04X:%04X", dev->spec.vid, dev->spec.pid);
+        snprintf(ids, sizeof ids, " %04X:%04X", dev->setup.vid, dev->setup.pid);
         desc << ids;
-        if (dev->spec.kind == Kind::Printer)
-            desc << " sn=" << (dev->spec.serial.empty() ? "(none)" : dev->spec.serial) << " itf="
-                 << int(dev->spec.interface_number) << " ep=" << to_hex(dev->spec.endpoints.data(), dev->spec.endpoints.size());
-        if (dev->spec.unopenable)
+        if (dev->setup.kind == Kind::Printer)
+            desc << " sn=" << (dev->setup.serial.empty() ? "(none)" : dev->setup.serial) << " itf="
+                 << int(dev->setup.interface_number) << " ep=" << to_hex(dev->setup.endpoints.data(), dev->setup.endpoints.size());
+        if (dev->setup.unopenable)
             desc << " (cannot be opened)";
         st.devices.push_back(std::move(dev));
     }
@@ -562,7 +562,7 @@ Firmware Testbed::firmware(size_t printer) const
 {
     std::lock_guard<std::mutex> lock(state_->mutex);
     for (const auto& dev : state_->devices)
-        if (dev->spec.kind == Kind::Printer && printer-- == 0)
+        if (dev->setup.kind == Kind::Printer && printer-- == 0)
             return dev->fw;
     return Firmware();
 }
