@@ -5,7 +5,7 @@ import statistics
 import sys
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)), "..")
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
 import gui_driver as driver  # noqa: E402
 
 rounds = int(sys.argv[1]) if len(sys.argv) > 1 else 30
