@@ -50,8 +50,8 @@ uint32_t get32(const uint8_t* p)
 
 Bytes interface_desc(uint8_t number, uint8_t cls, const Bytes& endpoints, uint8_t ep_type)
 {
-    Bytes d = {9, 4, number, 0, static_cast<uint8_t>(endpoints.size()), cls, uint8_t(cls == 7 ? 1 : 1),
-               uint8_t(cls == 7 ? 2 : 1), 0};
+    // Subclass 1; protocol 2 (bidirectional) for a printer, 1 (keyboard) otherwise.
+    Bytes d = {9, 4, number, 0, static_cast<uint8_t>(endpoints.size()), cls, 1, uint8_t(cls == 7 ? 2 : 1), 0};
     for (uint8_t ep : endpoints) {
         const Bytes e = {7, 5, ep, ep_type, 0x00, 0x02, 0};
         d.insert(d.end(), e.begin(), e.end());
