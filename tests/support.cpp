@@ -1,7 +1,6 @@
 #include "support.h"
 
 #include <plog/Init.h>
-#include "vprinter.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -50,12 +49,6 @@ Capture& Capture::install()
         plog::init<0>(plog::verbose, &capture);
     installed = true;
     return capture;
-}
-
-void run_under_umockdev(int argc, char** argv)
-{
-    (void)argc;
-    vprinter::reexec_under_wrapper(argv);
 }
 
 } // namespace testing_support

@@ -30,8 +30,4 @@ private:
     std::vector<Line> lines_;
 };
 
-// Restarts the running test program under umockdev-wrapper when it is not
-// there yet, so that libusb sees the emulated devices.
-void run_under_umockdev(int argc, char** argv);
-
 } // namespace testing_support

@@ -17,6 +17,30 @@ using testing_support::Capture;
 
 namespace {
 
+// A toplevel owned by one test: sunk when made, destroyed and released at the end.
+template <typename T>
+class Toplevel {
+public:
+    explicit Toplevel(T* widget) : widget_(static_cast<T*>(g_object_ref_sink(widget))) {}
+    Toplevel(const Toplevel&) = delete;
+    Toplevel& operator=(const Toplevel&) = delete;
+    ~Toplevel()
+    {
+        gtk_widget_destroy(GTK_WIDGET(widget_));
+        g_object_unref(widget_);
+    }
+    operator T*() const { return widget_; }
+    T* get() const { return widget_; }
+
+private:
+    T* widget_;
+};
+
+GtkEntry* password_entry(PasswdDialog* dialog)
+{
+    return GTK_ENTRY(gtk_widget_get_template_child(GTK_WIDGET(dialog), PASSWD_TYPE_DIALOG, "ctl_passwd"));
+}
+
 // Answers the password dialog as soon as the show handler runs it.
 gboolean answer_dialog(gpointer text)
 {
@@ -25,8 +49,7 @@ gboolean answer_dialog(gpointer text)
         if (!PASSWD_IS_DIALOG(l->data))
             continue;
         GtkWidget* dialog = GTK_WIDGET(l->data);
-        auto* entry = GTK_ENTRY(gtk_widget_get_template_child(dialog, PASSWD_TYPE_DIALOG, "ctl_passwd"));
-        gtk_entry_set_text(entry, static_cast<const char*>(text));
+        gtk_entry_set_text(password_entry(PASSWD_DIALOG(dialog)), static_cast<const char*>(text));
         gtk_button_clicked(GTK_BUTTON(gtk_dialog_get_widget_for_response(GTK_DIALOG(dialog), GTK_RESPONSE_OK)));
     }
     g_list_free(toplevels);
@@ -76,44 +99,36 @@ TEST_F(Ui, PasswordDialogAcceptsOnlyTheExactPasswordOnOk)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.text);
-        PasswdDialog* dialog = passwd_dialog_new();
-        g_object_ref_sink(dialog);
+        Toplevel<PasswdDialog> dialog(passwd_dialog_new());
         int closed = 0;
         g_signal_connect_swapped(dialog, "close", G_CALLBACK(+[](int* n) { ++*n; }), &closed);
-        auto* entry = GTK_ENTRY(gtk_widget_get_template_child(GTK_WIDGET(dialog), PASSWD_TYPE_DIALOG, "ctl_passwd"));
-        gtk_entry_set_text(entry, c.text);
+        gtk_entry_set_text(password_entry(dialog), c.text);
         if (c.response == 0)
-            gtk_button_clicked(GTK_BUTTON(gtk_dialog_get_widget_for_response(GTK_DIALOG(dialog), GTK_RESPONSE_OK)));
+            gtk_button_clicked(GTK_BUTTON(gtk_dialog_get_widget_for_response(GTK_DIALOG(dialog.get()), GTK_RESPONSE_OK)));
         else
-            gtk_dialog_response(GTK_DIALOG(dialog), c.response);
+            gtk_dialog_response(GTK_DIALOG(dialog.get()), c.response);
         gboolean is_ok = !c.is_ok;
         g_object_get(dialog, "is-ok", &is_ok, NULL);
         EXPECT_EQ(is_ok, c.is_ok);
         EXPECT_EQ(closed, 1) << "every response closes the dialog";
-        gtk_widget_destroy(GTK_WIDGET(dialog));
-        g_object_unref(dialog);
     }
 }
 
 TEST_F(Ui, EnterInThePasswordEntryDoesNotRespond)
 {
-    PasswdDialog* dialog = passwd_dialog_new();
-    g_object_ref_sink(dialog);
+    Toplevel<PasswdDialog> dialog(passwd_dialog_new());
     int responses = 0;
     g_signal_connect_swapped(dialog, "response", G_CALLBACK(+[](int* n) { ++*n; }), &responses);
-    auto* entry = GTK_ENTRY(gtk_widget_get_template_child(GTK_WIDGET(dialog), PASSWD_TYPE_DIALOG, "ctl_passwd"));
+    GtkEntry* entry = password_entry(dialog);
     gtk_entry_set_text(entry, "724918");
     gtk_widget_activate(GTK_WIDGET(entry));
     EXPECT_EQ(responses, 0);
     EXPECT_FALSE(passwd_dialog_get_is_ok(dialog));
-    gtk_widget_destroy(GTK_WIDGET(dialog));
-    g_object_unref(dialog);
 }
 
 TEST_F(Ui, IsOkNotifiesOnlyOnChange)
 {
-    PasswdDialog* dialog = passwd_dialog_new();
-    g_object_ref_sink(dialog);
+    Toplevel<PasswdDialog> dialog(passwd_dialog_new());
     int notified = 0;
     g_signal_connect_swapped(dialog, "notify::is-ok", G_CALLBACK(+[](int* n) { ++*n; }), &notified);
     passwd_dialog_set_is_ok(dialog, FALSE);
@@ -128,18 +143,15 @@ TEST_F(Ui, IsOkNotifiesOnlyOnChange)
     EXPECT_FALSE(passwd_dialog_get_is_ok(nullptr));
     ASSERT_EQ(log.messages().size(), 1u);
     EXPECT_NE(log.messages()[0].find("assertion 'self != NULL' failed"), std::string::npos);
-    gtk_widget_destroy(GTK_WIDGET(dialog));
-    g_object_unref(dialog);
 }
 
 TEST_F(Ui, WindowAfterTheRightPassword)
 {
-    MainWindow* win = main_window_new();
-    g_object_ref_sink(win);
+    Toplevel<MainWindow> win(main_window_new());
     g_idle_add(answer_dialog, const_cast<char*>("724918"));
-    gtk_widget_show_all(GTK_WIDGET(win));
+    gtk_widget_show_all(GTK_WIDGET(win.get()));
 
-    EXPECT_TRUE(gtk_widget_get_visible(GTK_WIDGET(win)));
+    EXPECT_TRUE(gtk_widget_get_visible(GTK_WIDGET(win.get())));
     EXPECT_FALSE(gtk_widget_get_visible(child_of(win, "ctl_trigger")));
     EXPECT_FALSE(gtk_widget_get_visible(child_of(win, "ctl_reset")));
     while (gtk_events_pending())
@@ -153,8 +165,6 @@ TEST_F(Ui, WindowAfterTheRightPassword)
     EXPECT_EQ(gtk_tree_view_get_model(view), nullptr) << "no model before the first load";
     EXPECT_TRUE(ui_lines(log).empty()) << "nothing is sent until a button is pressed";
 
-    gtk_widget_destroy(GTK_WIDGET(win));
-    g_object_unref(win);
 }
 
 TEST_F(Ui, HiddenActionsSendTheirFramesAndReadNothing)
@@ -163,8 +173,7 @@ TEST_F(Ui, HiddenActionsSendTheirFramesAndReadNothing)
     scene.devices.emplace_back();
     scene.firmware.job_log = {1, 2};
     vprinter::Testbed bed(scene);
-    MainWindow* win = main_window_new();
-    g_object_ref_sink(win);
+    Toplevel<MainWindow> win(main_window_new());
     log.clear();
 
     const auto before = static_cast<uint32_t>(time(nullptr));
@@ -194,16 +203,13 @@ TEST_F(Ui, HiddenActionsSendTheirFramesAndReadNothing)
     EXPECT_EQ(bed.transfers(), 2) << "neither action reads";
     EXPECT_EQ(bed.firmware().job_log, (std::vector<uint32_t>{})) << "the printer took the reset";
 
-    gtk_widget_destroy(GTK_WIDGET(win));
-    g_object_unref(win);
 }
 
 // The black-box suite covers the visible buttons without a printer.
 TEST_F(Ui, HiddenActionsWithoutAPrinterSendNothing)
 {
     vprinter::Testbed bed(vprinter::Scene{});
-    MainWindow* win = main_window_new();
-    g_object_ref_sink(win);
+    Toplevel<MainWindow> win(main_window_new());
     log.clear();
     main_window_on_log_reset(nullptr, win);
     main_window_on_log_trigger(nullptr, win);
@@ -222,20 +228,15 @@ TEST_F(Ui, HiddenActionsWithoutAPrinterSendNothing)
     EXPECT_EQ(criticals.size(), 5u);
     for (const std::string& m : criticals)
         EXPECT_NE(m.find("assertion 'self != NULL' failed"), std::string::npos) << m;
-    gtk_widget_destroy(GTK_WIDGET(win));
-    g_object_unref(win);
 }
 
 TEST_F(Ui, AddressConversionRefusesNullArguments)
 {
-    MainWindow* win = main_window_new();
-    g_object_ref_sink(win);
+    Toplevel<MainWindow> win(main_window_new());
     gsize len = 99;
     EXPECT_EQ(ip_str_to_bytes(nullptr, "1.2.3.4", &len), nullptr);
     EXPECT_EQ(ip_str_to_bytes(win, nullptr, &len), nullptr);
     EXPECT_EQ(len, 99u) << "nothing to append";
-    gtk_widget_destroy(GTK_WIDGET(win));
-    g_object_unref(win);
 }
 
 static void collect_labels(GtkWidget* widget, gpointer texts)
@@ -254,33 +255,27 @@ TEST_F(Ui, LabelsComeOutInGermanFromTheCatalogue)
     setenv("LANGUAGE", "de", 1);
     setlocale(LC_ALL, "C.UTF-8");
 
-    MainWindow* win = main_window_new();
-    g_object_ref_sink(win);
+    Toplevel<MainWindow> win(main_window_new());
     std::vector<std::string> texts;
-    collect_labels(GTK_WIDGET(win), &texts);
+    collect_labels(GTK_WIDGET(win.get()), &texts);
     std::sort(texts.begin(), texts.end());
     EXPECT_EQ(texts, (std::vector<std::string>{"Auslösen", "DHCP", "Ereignis", "Gateway:", "IP-Adresse:", "Laden",
                                                "Laden", "Netzwerkeinstellungen", "Protokoll", "Speichern",
                                                "Subnetzmaske:", "Zeit", "Zurücksetzen"}));
 
-    PasswdDialog* dialog = passwd_dialog_new();
-    g_object_ref_sink(dialog);
+    Toplevel<PasswdDialog> dialog(passwd_dialog_new());
     texts.clear();
-    collect_labels(GTK_WIDGET(dialog), &texts);
+    collect_labels(GTK_WIDGET(dialog.get()), &texts);
     EXPECT_NE(std::find(texts.begin(), texts.end(), "Passwort eingeben:"), texts.end());
     EXPECT_STREQ(g_dgettext("Pellavoy", "Invalid password!"), "Ungültiges Passwort!");
 
-    gtk_widget_destroy(GTK_WIDGET(dialog));
-    g_object_unref(dialog);
-    gtk_widget_destroy(GTK_WIDGET(win));
-    g_object_unref(win);
     unsetenv("LANGUAGE");
     setlocale(LC_ALL, "C.UTF-8");
 }
 
 int main(int argc, char** argv)
 {
-    testing_support::run_under_umockdev(argc, argv);
+    vprinter::reexec_under_wrapper(argv);
     gtk_init(&argc, &argv);
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();

@@ -461,7 +461,7 @@ TEST(UsbText, NarrowConversionFollowsTheLocale)
 
 int main(int argc, char** argv)
 {
-    testing_support::run_under_umockdev(argc, argv);
+    vprinter::reexec_under_wrapper(argv);
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }

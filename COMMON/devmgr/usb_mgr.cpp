@@ -346,10 +346,10 @@ void UsbManager::close()
 // Each call is one synchronous transfer: no chunking, no retry, no halt clearing.
 int UsbManager::write(const void* handle, const char* buf, size_t len, size_t timeout)
 {
-    if (buf == nullptr || len == 0)
-        return 0;
     if (!is_handle_valid(handle))
         return -1;
+    if (buf == nullptr || len == 0)
+        return 0;
     if (len > INT_MAX) {
         USB_LOG(plog::warning, write_func) << usb::get_err_msg(LIBUSB_ERROR_INVALID_PARAM);
         return -1;
@@ -485,10 +485,9 @@ const void* usb_mgr_open(void* mgr, size_t idx)
     return mgr != nullptr ? static_cast<UsbManager*>(mgr)->open(idx) : nullptr;
 }
 
+// The class refuses a null or all-ones handle with -1.
 int usb_handle_write(const void* handle, const uint8_t* data, size_t len, size_t timeout)
 {
-    if (!UsbManager::is_handle_valid(handle))
-        return -1;
     return UsbManager::write(handle, reinterpret_cast<const char*>(data), len, timeout);
 }
 
@@ -497,7 +496,7 @@ int usb_handle_write(const void* handle, const uint8_t* data, size_t len, size_t
 // is touched.
 int usb_handle_read(const void* handle, uint8_t** buf, int32_t* len, size_t timeout)
 {
-    if (!UsbManager::is_handle_valid(handle) || buf == nullptr || *buf == nullptr || len == nullptr || *len < 0)
+    if (buf == nullptr || *buf == nullptr || len == nullptr || *len < 0)
         return -1;
     std::vector<char> tmp(static_cast<size_t>(*len), 0);
     const int r = UsbManager::read(handle, tmp, timeout);
