@@ -170,7 +170,7 @@ const libusb_config_descriptor* Config::get() const
 
 // ---- UsbManager: life and enumeration ----------------------------------------
 
-UsbManager::UsbManager() : _vid_filter(0), _ctx(nullptr), _hdl(nullptr), _init_result(0)
+UsbManager::UsbManager() : _vid_filter(0), _ctx(nullptr), _hdl(nullptr), _init_result(0), _claim_result(0)
 {
     libusb_context* ctx = nullptr;
     _init_result = libusb_init(&ctx);
@@ -196,6 +196,7 @@ void UsbManager::close_devices()
         if (dev.hdl != nullptr)
             libusb_close(static_cast<libusb_device_handle*>(dev.hdl));
     _devs.clear();
+    _open_failures.clear();
 }
 
 UsbManager& UsbManager::enumerate()
@@ -241,6 +242,8 @@ UsbManager& UsbManager::enumerate()
         const int r = libusb_open(device, &handle);
         if (r != 0) {
             USB_LOG_HERE(plog::warning) << "failed to open device: " << usb::get_err_msg(r);
+            _open_failures.push_back(
+                {dev.vid, dev.pid, libusb_get_bus_number(device), libusb_get_device_address(device), r});
             continue;
         }
         // The kernel's printer driver steps aside while the interface is claimed.
@@ -272,12 +275,33 @@ const UsbDevInfo& UsbManager::operator[](size_t idx) const
     return _devs[idx];
 }
 
+const std::vector<UsbManager::OpenFailure>& UsbManager::open_failures() const
+{
+    return _open_failures;
+}
+
+int UsbManager::claim_result() const
+{
+    return _claim_result;
+}
+
+bool UsbManager::place(size_t idx, uint8_t& bus, uint8_t& address) const
+{
+    if (idx >= _devs.size() || _devs[idx].hdl == nullptr)
+        return false;
+    libusb_device* device = libusb_get_device(static_cast<libusb_device_handle*>(_devs[idx].hdl));
+    bus = libusb_get_bus_number(device);
+    address = libusb_get_device_address(device);
+    return true;
+}
+
 // ---- Selection ------------------------------------------------------------------
 
 // A failed claim still selects the record: the first transfer reports the problem.
 void* UsbManager::open(std::vector<UsbDevInfo>::iterator iter)
 {
     const int r = libusb_claim_interface(static_cast<libusb_device_handle*>(iter->hdl), iter->itf);
+    _claim_result = r;
     if (r != 0) {
         USB_LOG(plog::warning, open_iter_func) << usb::get_err_msg(r);
     }
@@ -346,20 +370,29 @@ void UsbManager::close()
 // Each call is one synchronous transfer: no chunking, no retry, no halt clearing.
 int UsbManager::write(const void* handle, const char* buf, size_t len, size_t timeout)
 {
+    int code = 0;
+    return write(handle, buf, len, timeout, &code);
+}
+
+int UsbManager::write(const void* handle, const char* buf, size_t len, size_t timeout, int* code)
+{
+    *code = LIBUSB_ERROR_INVALID_PARAM;
     if (!is_handle_valid(handle))
         return -1;
+    *code = 0;
     if (buf == nullptr || len == 0)
         return 0;
     if (len > INT_MAX) {
-        USB_LOG(plog::warning, write_func) << usb::get_err_msg(LIBUSB_ERROR_INVALID_PARAM);
+        *code = LIBUSB_ERROR_INVALID_PARAM;
+        USB_LOG(plog::warning, write_func) << usb::get_err_msg(*code);
         return -1;
     }
     int sent = 0;
-    const int r = libusb_bulk_transfer(libusb_handle_of(handle), record_of(handle).out_ep,
-                                       reinterpret_cast<unsigned char*>(const_cast<char*>(buf)), static_cast<int>(len),
-                                       &sent, static_cast<unsigned int>(timeout));
-    if (r != 0) {
-        USB_LOG(plog::warning, write_func) << usb::get_err_msg(r);
+    *code = libusb_bulk_transfer(libusb_handle_of(handle), record_of(handle).out_ep,
+                                 reinterpret_cast<unsigned char*>(const_cast<char*>(buf)), static_cast<int>(len),
+                                 &sent, static_cast<unsigned int>(timeout));
+    if (*code != 0) {
+        USB_LOG(plog::warning, write_func) << usb::get_err_msg(*code);
         return -1;
     }
     USB_LOG(plog::debug, write_func) << "wrote " << sent << " bytes";
@@ -368,18 +401,25 @@ int UsbManager::write(const void* handle, const char* buf, size_t len, size_t ti
 
 int UsbManager::read(const void* handle, std::vector<char>& buf, size_t timeout)
 {
+    int code = 0;
+    return read(handle, buf, timeout, &code);
+}
+
+int UsbManager::read(const void* handle, std::vector<char>& buf, size_t timeout, int* code)
+{
+    *code = LIBUSB_ERROR_INVALID_PARAM;
     if (!is_handle_valid(handle))
         return -1;
     if (buf.size() > INT_MAX) {
-        USB_LOG(plog::warning, read_func) << usb::get_err_msg(LIBUSB_ERROR_INVALID_PARAM);
+        USB_LOG(plog::warning, read_func) << usb::get_err_msg(*code);
         return -1;
     }
     int received = 0;
-    const int r = libusb_bulk_transfer(libusb_handle_of(handle), record_of(handle).in_ep,
-                                       reinterpret_cast<unsigned char*>(buf.data()), static_cast<int>(buf.size()),
-                                       &received, static_cast<unsigned int>(timeout));
-    if (r != 0) {
-        USB_LOG(plog::warning, read_func) << usb::get_err_msg(r);
+    *code = libusb_bulk_transfer(libusb_handle_of(handle), record_of(handle).in_ep,
+                                 reinterpret_cast<unsigned char*>(buf.data()), static_cast<int>(buf.size()),
+                                 &received, static_cast<unsigned int>(timeout));
+    if (*code != 0) {
+        USB_LOG(plog::warning, read_func) << usb::get_err_msg(*code);
         return -1;
     }
     USB_LOG(plog::debug, read_func) << "read " << received << " bytes";
@@ -488,7 +528,14 @@ const void* usb_mgr_open(void* mgr, size_t idx)
 // The class refuses a null or all-ones handle with -1.
 int usb_handle_write(const void* handle, const uint8_t* data, size_t len, size_t timeout)
 {
-    return UsbManager::write(handle, reinterpret_cast<const char*>(data), len, timeout);
+    int code = 0;
+    return usb_handle_write_ex(handle, data, len, timeout, &code);
+}
+
+int usb_handle_write_ex(const void* handle, const uint8_t* data, size_t len, size_t timeout, int* code)
+{
+    int ignored = 0;
+    return UsbManager::write(handle, reinterpret_cast<const char*>(data), len, timeout, code ? code : &ignored);
 }
 
 // On success the whole requested capacity of *buf is overwritten (zeros behind
@@ -496,10 +543,19 @@ int usb_handle_write(const void* handle, const uint8_t* data, size_t len, size_t
 // is touched.
 int usb_handle_read(const void* handle, uint8_t** buf, int32_t* len, size_t timeout)
 {
+    int code = 0;
+    return usb_handle_read_ex(handle, buf, len, timeout, &code);
+}
+
+int usb_handle_read_ex(const void* handle, uint8_t** buf, int32_t* len, size_t timeout, int* code)
+{
+    int ignored = 0;
+    int* result = code ? code : &ignored;
+    *result = LIBUSB_ERROR_INVALID_PARAM;
     if (buf == nullptr || *buf == nullptr || len == nullptr || *len < 0)
         return -1;
     std::vector<char> tmp(static_cast<size_t>(*len), 0);
-    const int r = UsbManager::read(handle, tmp, timeout);
+    const int r = UsbManager::read(handle, tmp, timeout, result);
     if (r >= 0) {
         std::copy(tmp.begin(), tmp.end(), reinterpret_cast<char*>(*buf));
         *len = r;
@@ -510,6 +566,41 @@ int usb_handle_read(const void* handle, uint8_t** buf, int32_t* len, size_t time
 void usb_handle_free(const void* handle)
 {
     UsbManager::close(handle);
+}
+
+int usb_mgr_get_record(void* mgr, size_t idx, usb_dev_summary* out)
+{
+    if (mgr == nullptr || out == nullptr)
+        return -1;
+    const UsbManager& m = *static_cast<UsbManager*>(mgr);
+    if (!m.place(idx, out->bus, out->address))
+        return -1;
+    out->vid = m[idx].vid;
+    out->pid = m[idx].pid;
+    out->serial = m[idx].sn.c_str();
+    return 0;
+}
+
+int usb_mgr_get_open_failure(void* mgr, size_t i, usb_dev_summary* out)
+{
+    if (mgr == nullptr || out == nullptr)
+        return 0;
+    const auto& failures = static_cast<UsbManager*>(mgr)->open_failures();
+    if (i >= failures.size())
+        return 0;
+    const UsbManager::OpenFailure& f = failures[i];
+    *out = {f.vid, f.pid, f.bus, f.address, ""};
+    return f.code;
+}
+
+int usb_mgr_get_claim_result(void* mgr)
+{
+    return mgr != nullptr ? static_cast<UsbManager*>(mgr)->claim_result() : -1;
+}
+
+const char* usb_get_err_text(int code)
+{
+    return libusb_strerror(code);
 }
 
 } // extern "C"

@@ -107,8 +107,27 @@ public:
     int read(char* buf, size_t len, size_t timeout) const;
     static int read(const void* handle, std::vector<char>& buf, size_t timeout);
 
+    // The same transfers, with libusb's result code (0 on success) in *code:
+    // callers that must tell a time-out from an unplug use these.
+    static int write(const void* handle, const char* buf, size_t len, size_t timeout, int* code);
+    static int read(const void* handle, std::vector<char>& buf, size_t timeout, int* code);
+
     static bool get_1284_id(const void* handle, std::string& out_buf, size_t timeout);
     static bool get_lpt_status(const void* handle, uint8_t& out_byte, size_t timeout);
+
+    // A printer that enumeration had to skip because it could not be opened.
+    struct OpenFailure {
+        uint16_t vid;
+        uint16_t pid;
+        uint8_t bus;
+        uint8_t address;
+        int code;  // libusb's
+    };
+    const std::vector<OpenFailure>& open_failures() const;
+    // libusb's code for the last open's claim of the interface (0: claimed).
+    int claim_result() const;
+    // Where record idx sits on the bus; false for an index out of range.
+    bool place(size_t idx, uint8_t& bus, uint8_t& address) const;
 
 protected:
     static std::string wcstombs(const std::wstring& text);
@@ -121,6 +140,8 @@ protected:
 private:
     void close_devices();
     int _init_result;
+    int _claim_result;
+    std::vector<OpenFailure> _open_failures;
 };
 
 // Flat interface for the user interface; every function is quiet on a null first argument.
@@ -133,4 +154,26 @@ const void* usb_mgr_open(void* mgr, size_t idx);
 int usb_handle_write(const void* handle, const uint8_t* data, size_t len, size_t timeout);
 int usb_handle_read(const void* handle, uint8_t** buf, int32_t* len, size_t timeout);
 void usb_handle_free(const void* handle);
+
+// What the user interface needs to say what happened, and to which printer.
+// Serial texts stay valid while the manager lives.
+struct usb_dev_summary {
+    uint16_t vid;
+    uint16_t pid;
+    uint8_t bus;
+    uint8_t address;
+    const char* serial;  // "" when unknown
+};
+// Record idx; 0, or -1 when there is no such record.
+int usb_mgr_get_record(void* mgr, size_t idx, struct usb_dev_summary* out);
+// The i-th printer that enumeration could not open: libusb's (negative) code,
+// or 0 when there is no i-th one. The serial of an unopened device is unknown.
+int usb_mgr_get_open_failure(void* mgr, size_t i, struct usb_dev_summary* out);
+// libusb's code for the claim of the last open (0: claimed; -1 without a manager).
+int usb_mgr_get_claim_result(void* mgr);
+// usb_handle_write and usb_handle_read with libusb's result code in *code.
+int usb_handle_write_ex(const void* handle, const uint8_t* data, size_t len, size_t timeout, int* code);
+int usb_handle_read_ex(const void* handle, uint8_t** buf, int32_t* len, size_t timeout, int* code);
+// libusb's text for a code.
+const char* usb_get_err_text(int code);
 }

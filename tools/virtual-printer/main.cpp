@@ -31,6 +31,7 @@ static const char usage_text[] =
     "  --vid=HEX --pid=HEX   the printers' vendor and product (default 1A2B:00C4)\n"
     "  --serial=TEXT         serial number (default VP0001, VP0002, ...)\n"
     "  --no-serial           the printers have no serial-number string\n"
+    "  --product=TEXT        product string (default 'Virtual Printer'; empty: none)\n"
     "  --interface=N         interface number of the printer interface (default 0)\n"
     "  --endpoints=LIST      endpoint addresses in hex, e.g. 01,82 (default)\n"
     "Firmware:\n"
@@ -44,10 +45,16 @@ static const char usage_text[] =
     "  --no-reply            never answer: every read times out\n"
     "  --stall=WHERE         stall 'in', 'out' or 'control' (may be repeated)\n"
     "  --overflow            answer with one byte more than the read asks for\n"
-    "  --busy                another driver holds the printer interface\n"
+    "  --no-accept           never take data: every write waits until its time-out\n"
+    "  --busy                another program holds the printer interface: claims and\n"
+    "                        transfers fail as the kernel makes them fail\n"
     "  --unplug-after=N      unplug the printer after N bulk transfers\n"
+    "Plugging while COMMAND runs:\n"
+    "  --hotplug=N           the printer that SIGUSR1 unplugs and SIGUSR2 plugs back\n"
+    "                        in (same port, new device number); default 1, the first\n"
     "Output:\n"
     "  --record=FILE         write every frame received, one hex line each\n"
+    "  --record-serial       begin each recorded line with the printer's serial number\n"
     "  -q, --quiet           no summary lines on standard error\n"
     "  -h, --help            this text\n";
 
@@ -79,7 +86,7 @@ int main(int argc, char** argv)
 {
     enum { O_PRINTERS = 256, O_NODEV, O_OTHER, O_HOSTILE, O_UNOPEN, O_VID, O_PID, O_SERIAL, O_NOSERIAL, O_ITF,
            O_EPS, O_NETCFG, O_JOBLOG, O_DEVID, O_STATUS, O_REPLY, O_NOREPLY, O_STALL, O_OVERFLOW, O_BUSY,
-           O_UNPLUG, O_RECORD };
+           O_UNPLUG, O_RECORD, O_PRODUCT, O_NOACCEPT, O_HOTPLUG, O_RECSERIAL };
     static const option options[] = {
         {"printers", required_argument, nullptr, O_PRINTERS}, {"no-device", no_argument, nullptr, O_NODEV},
         {"other", required_argument, nullptr, O_OTHER},       {"hostile", required_argument, nullptr, O_HOSTILE},
@@ -92,12 +99,14 @@ int main(int argc, char** argv)
         {"no-reply", no_argument, nullptr, O_NOREPLY},        {"stall", required_argument, nullptr, O_STALL},
         {"overflow", no_argument, nullptr, O_OVERFLOW},       {"busy", no_argument, nullptr, O_BUSY},
         {"unplug-after", required_argument, nullptr, O_UNPLUG}, {"record", required_argument, nullptr, O_RECORD},
+        {"product", required_argument, nullptr, O_PRODUCT},   {"no-accept", no_argument, nullptr, O_NOACCEPT},
+        {"hotplug", required_argument, nullptr, O_HOTPLUG},   {"record-serial", no_argument, nullptr, O_RECSERIAL},
         {"quiet", no_argument, nullptr, 'q'},                 {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0}};
 
     Scene scene;
     DeviceSpec printer;
-    unsigned long printers = 1, others = 0;
+    unsigned long printers = 1, others = 0, hotplug = 1;
     bool no_device = false, quiet = false, serial_given = false;
     std::string hostile;
 
@@ -149,6 +158,10 @@ int main(int argc, char** argv)
         case O_BUSY: scene.faults.busy = true; break;
         case O_UNPLUG: scene.faults.unplug_after = static_cast<long>(number(optarg, 10, 1000000, "--unplug-after")); break;
         case O_RECORD: scene.record_path = optarg; break;
+        case O_PRODUCT: printer.product = optarg; break;
+        case O_NOACCEPT: scene.faults.no_accept = true; break;
+        case O_HOTPLUG: hotplug = number(optarg, 10, 16, "--hotplug"); break;
+        case O_RECSERIAL: scene.record_serial = true; break;
         case 'q': quiet = true; break;
         case 'h': std::cout << usage_text; return 0;
         default: fail("unknown option");
@@ -156,6 +169,8 @@ int main(int argc, char** argv)
     }
     if (optind >= argc)
         fail("no command given: put it after --, e.g. virtual-printer -- pellavoy");
+    if (printers > 0 && (hotplug < 1 || hotplug > printers))
+        fail("--hotplug takes the number of one of the printers, 1 to " + std::to_string(printers));
 
     try {
         reexec_under_wrapper(argv);
@@ -194,12 +209,14 @@ int main(int argc, char** argv)
         if (!quiet)
             std::cerr << "virtual-printer: emulating " << bed.describe() << std::endl;
 
-        // Signals that would end us are passed on to the command, and we wait for it.
+        // Signals that would end us are passed on to the command, and we wait
+        // for it; SIGUSR1 and SIGUSR2 unplug and plug the chosen printer.
         sigset_t forwarded;
         sigemptyset(&forwarded);
-        for (int sig : {SIGINT, SIGTERM, SIGHUP})
+        for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2})
             sigaddset(&forwarded, sig);
         sigprocmask(SIG_BLOCK, &forwarded, nullptr);
+        const size_t hotplugged = printers > 0 ? scene.devices.size() - printers + (hotplug - 1) : 0;
 
         const pid_t child = fork();
         if (child < 0)
@@ -214,7 +231,11 @@ int main(int argc, char** argv)
         const timespec tick = {0, 50 * 1000 * 1000};
         while (waitpid(child, &status, WNOHANG) == 0) {
             const int sig = sigtimedwait(&forwarded, nullptr, &tick);
-            if (sig > 0 && sig != SIGINT)  // the terminal sends Ctrl-C to the command itself
+            if (sig == SIGUSR1)
+                bed.unplug(hotplugged);
+            else if (sig == SIGUSR2)
+                bed.plug(hotplugged);
+            else if (sig > 0 && sig != SIGINT)  // the terminal sends Ctrl-C to the command itself
                 kill(child, sig);
         }
         if (!quiet)

@@ -29,7 +29,6 @@ const uint8_t log_prefix[] = {0x1B, 0x1D, 0x1E, 0x10};
 const uint8_t log_trailer[] = {0x1B, 0x1D, 0x1F};
 
 const char* const manufacturer_text = "Virtual Printers";
-const char* const product_text = "Virtual Printer";
 
 void put16(Bytes& b, uint16_t v)
 {
@@ -67,7 +66,7 @@ Bytes descriptors(const DeviceSpec& setup)
     put16(d, setup.pid);
     put16(d, 0x0100);
     d.push_back(1);
-    d.push_back(2);
+    d.push_back(setup.product.empty() ? 0 : 2);
     d.push_back(setup.serial.empty() ? 0 : 3);
     d.push_back(1);
 
@@ -99,6 +98,24 @@ Bytes descriptors(const DeviceSpec& setup)
     return d;
 }
 
+struct InterfaceInfo {
+    unsigned number;
+    unsigned cls;
+    unsigned endpoints;
+};
+
+// The interfaces as sysfs lists them; matches descriptors() below.
+std::vector<InterfaceInfo> interface_list(const DeviceSpec& setup)
+{
+    switch (setup.kind) {
+    case Kind::Printer: return {{setup.interface_number, 7, unsigned(setup.endpoints.size())}};
+    case Kind::NoEndpoint: return {{setup.interface_number, 7, 0}};
+    case Kind::NoInterface: return {};
+    case Kind::Other: return {{0, 3, 1}, {1, 7, 2}};
+    }
+    return {};
+}
+
 Bytes string_desc(const std::string& text)
 {
     Bytes d = {static_cast<uint8_t>(2 + 2 * text.size()), 3};
@@ -119,6 +136,8 @@ struct Testbed::State {
     std::vector<std::string> frames;
     std::vector<ControlRequest> controls;
     std::ofstream record;
+    bool record_serial = false;
+    unsigned next_devnum = 2;  // 1 is the root hub
     long transfers = 0;
     long reads_answered = 0;
     std::string description;
@@ -131,11 +150,15 @@ struct Device {
     Testbed::State* bed;
     DeviceSpec setup;
     Firmware fw;
+    std::string name;      // sysfs name: the USB port, kept across re-plugging
+    unsigned devnum = 0;   // a new one each time the device is plugged in
     std::string syspath;
     std::string devnode;
+    std::vector<std::string> interfaces;  // sysfs paths of the interfaces
     UMockdevIoctlBase* handler = nullptr;
     std::deque<Bytes> replies;
-    std::vector<UMockdevIoctlData*> pending_in;  // IN URBs waiting for a reply
+    std::vector<UMockdevIoctlData*> pending_in;   // IN URBs waiting for a reply
+    std::vector<UMockdevIoctlData*> pending_out;  // OUT URBs the printer does not take
     std::deque<UMockdevIoctlData*> ready;        // finished URBs, waiting to be reaped
     size_t replies_given = 0;
     bool gone = false;
@@ -210,7 +233,10 @@ struct Device {
             switch (c.value & 0xFF) {
             case 0: return Bytes{4, 3, 0x09, 0x04};
             case 1: return string_desc(manufacturer_text);
-            case 2: return string_desc(product_text);
+            case 2:
+                if (!setup.product.empty())
+                    return string_desc(setup.product);
+                break;
             case 3:
                 if (!setup.serial.empty())
                     return string_desc(setup.serial);
@@ -255,6 +281,17 @@ struct Device {
         finish(urb_data, 0, static_cast<int>(n));
     }
 
+    // Transfers that the kernel only lets through to the holder of an interface:
+    // bulk and interrupt ones, and control requests addressed to an interface
+    // or endpoint.
+    static bool needs_interface(const usbdevfs_urb* urb)
+    {
+        if (urb->type != USBDEVFS_URB_TYPE_CONTROL)
+            return true;
+        const auto* setup = static_cast<const uint8_t*>(urb->buffer);
+        return setup != nullptr && urb->buffer_length >= 8 && (setup[0] & 0x1F) != 0;
+    }
+
     void submit_bulk(UMockdevIoctlData* urb_data)
     {
         usbdevfs_urb* urb = urb_of(urb_data);
@@ -266,12 +303,14 @@ struct Device {
                 finish(urb_data, 0, 0);
             else
                 pending_in.push_back(urb_data);
+        } else if (bed->faults.no_accept) {
+            pending_out.push_back(urb_data);
         } else {
             const auto* buf = static_cast<const uint8_t*>(urb->buffer);
             const Bytes frame(buf, buf + (buf ? urb->buffer_length : 0));
             bed->frames.push_back(to_hex(frame.data(), frame.size()));
             if (bed->record.is_open())
-                bed->record << bed->frames.back() << std::endl;
+                bed->record << (bed->record_serial ? setup.serial + " " : "") << bed->frames.back() << std::endl;
             if (bed->faults.stall_out) {
                 finish(urb_data, -EPIPE, 0);
             } else {
@@ -289,10 +328,93 @@ struct Device {
         if (gone)
             return;
         gone = true;
-        for (UMockdevIoctlData* urb_data : pending_in)
-            finish(urb_data, -ENODEV, 0);
-        pending_in.clear();
+        for (auto* pending : {&pending_in, &pending_out}) {
+            for (UMockdevIoctlData* urb_data : *pending)
+                finish(urb_data, -ENODEV, 0);
+            pending->clear();
+        }
+        // umockdev sends no uevents on removal; the kernel sends the
+        // interfaces' before the device's.
+        for (auto it = interfaces.rbegin(); it != interfaces.rend(); ++it)
+            umockdev_testbed_uevent(bed->testbed, it->c_str(), "remove");
+        umockdev_testbed_uevent(bed->testbed, syspath.c_str(), "remove");
         umockdev_testbed_remove_device(bed->testbed, syspath.c_str());
+        // Removal leaves the bus links behind, and they would block a re-plug.
+        gchar* root = umockdev_testbed_get_root_dir(bed->testbed);
+        for (const std::string& path : interfaces)
+            unlink((std::string(root) + "/sys/bus/usb/devices/" + path.substr(path.rfind('/') + 1)).c_str());
+        unlink((std::string(root) + "/sys/bus/usb/devices/" + name).c_str());
+        g_free(root);
+    }
+
+    void plug()
+    {
+        devnum = bed->next_devnum++;
+        char node[32];
+        snprintf(node, sizeof node, "bus/usb/001/%03u", devnum);
+        devnode = std::string("/dev/") + node;
+        syspath = "/sys/devices/" + name;
+        interfaces.clear();
+
+        // The handler first: adding the device makes it visible at once.
+        GError* error = nullptr;
+        if (!umockdev_testbed_attach_ioctl(bed->testbed, devnode.c_str(), handler, &error))
+            fail_with(error);
+
+        const Bytes d = descriptors(setup);
+        char ids[64];
+        snprintf(ids, sizeof ids, "A: idVendor=%04x\\n\nA: idProduct=%04x\\n\n", setup.vid, setup.pid);
+        std::ostringstream rec;
+        rec << "P: /devices/" << name << "\n"
+            << "N: " << node << "\n"
+            << "E: SUBSYSTEM=usb\nE: DRIVER=usb\nE: BUSNUM=001\n"
+            << "E: DEVNUM=" << (node + 12) << "\n"
+            << "E: DEVNAME=" << devnode << "\n"
+            << "E: DEVTYPE=usb_device\n"
+            << "A: bConfigurationValue=1\\n\nA: busnum=1\\n\n"
+            << "A: devnum=" << devnum << "\\n\nA: speed=480\\n\n" << ids;
+        if (!setup.product.empty())
+            rec << "A: product=" << setup.product << "\\n\n";
+        if (!setup.serial.empty())
+            rec << "A: serial=" << setup.serial << "\\n\n";
+        rec << "H: descriptors=" << to_hex(d.data(), d.size()) << "\n";
+        add(rec.str());
+
+        // One child per interface, for whoever asks udev rather than the device.
+        for (const InterfaceInfo& itf : interface_list(setup)) {
+            char text[256];
+            snprintf(text, sizeof text,
+                     "P: /devices/%s/%s:1.%u\nE: SUBSYSTEM=usb\nE: DEVTYPE=usb_interface\n"
+                     "A: bInterfaceNumber=%02x\\n\nA: bInterfaceClass=%02x\\n\nA: bNumEndpoints=%02x\\n\n",
+                     name.c_str(), name.c_str(), itf.number, itf.number, itf.cls, itf.endpoints);
+            add(text);
+            interfaces.push_back(syspath + "/" + name + ":1." + std::to_string(itf.number));
+        }
+
+        if (setup.unopenable) {
+            // Unreadable for a user; root ignores the mode, so there the node goes.
+            gchar* root = umockdev_testbed_get_root_dir(bed->testbed);
+            const std::string path = std::string(root) + devnode;
+            g_free(root);
+            chmod(path.c_str(), 0);
+            if (geteuid() == 0)
+                unlink(path.c_str());
+        }
+        gone = false;
+    }
+
+    void add(const std::string& record)
+    {
+        GError* error = nullptr;
+        if (!umockdev_testbed_add_from_string(bed->testbed, record.c_str(), &error))
+            fail_with(error);
+    }
+
+    [[noreturn]] static void fail_with(GError* error)
+    {
+        const std::string msg = error ? error->message : "unknown error";
+        g_clear_error(&error);
+        throw std::runtime_error("umockdev: " + msg);
     }
 
     gboolean handle_ioctl(UMockdevIoctlClient* client)
@@ -336,6 +458,14 @@ struct Device {
             if (urb->buffer_length > 0)
                 buffer = umockdev_ioctl_data_resolve(urb_data, offsetof(usbdevfs_urb, buffer),
                                                      static_cast<gsize>(urb->buffer_length), nullptr);
+            if (bed->faults.busy && needs_interface(urb)) {
+                // usbfs claims the interface for the caller and fails as the claim does.
+                umockdev_ioctl_client_complete(client, -1, EBUSY);
+                if (buffer)
+                    g_object_unref(buffer);
+                g_object_unref(urb_data);
+                return TRUE;
+            }
             if (urb->type == USBDEVFS_URB_TYPE_CONTROL)
                 submit_control(urb_data);
             else if (urb->type == USBDEVFS_URB_TYPE_BULK)
@@ -364,16 +494,18 @@ struct Device {
         }
         case USBDEVFS_DISCARDURB: {
             const gulong addr = *reinterpret_cast<gulong*>(arg->data);
-            auto it = std::find_if(pending_in.begin(), pending_in.end(),
-                                   [addr](UMockdevIoctlData* d) { return d->client_addr == addr; });
-            if (it == pending_in.end()) {
-                umockdev_ioctl_client_complete(client, -1, EINVAL);
-                return TRUE;
+            for (auto* pending : {&pending_in, &pending_out}) {
+                auto it = std::find_if(pending->begin(), pending->end(),
+                                       [addr](UMockdevIoctlData* d) { return d->client_addr == addr; });
+                if (it != pending->end()) {
+                    UMockdevIoctlData* urb_data = *it;
+                    pending->erase(it);
+                    finish(urb_data, -ENOENT, 0);
+                    umockdev_ioctl_client_complete(client, 0, 0);
+                    return TRUE;
+                }
             }
-            UMockdevIoctlData* urb_data = *it;
-            pending_in.erase(it);
-            finish(urb_data, -ENOENT, 0);
-            umockdev_ioctl_client_complete(client, 0, 0);
+            umockdev_ioctl_client_complete(client, -1, EINVAL);
             return TRUE;
         }
         default:
@@ -384,6 +516,8 @@ struct Device {
     ~Device()
     {
         for (UMockdevIoctlData* d : pending_in)
+            g_object_unref(d);
+        for (UMockdevIoctlData* d : pending_out)
             g_object_unref(d);
         for (UMockdevIoctlData* d : ready)
             g_object_unref(d);
@@ -474,6 +608,7 @@ Testbed::Testbed(const Scene& scene) : state_(new State)
         if (!st.record)
             throw std::runtime_error("cannot write " + scene.record_path);
     }
+    st.record_serial = scene.record_serial;
     st.testbed = umockdev_testbed_new();
 
     const size_t n = scene.devices.size();
@@ -483,44 +618,12 @@ Testbed::Testbed(const Scene& scene) : state_(new State)
         dev->bed = &st;
         dev->setup = scene.devices[i];
         dev->fw = scene.firmware;
-        // libusb lists umockdev's devices by descending device number.
-        const unsigned devnum = static_cast<unsigned>(n - i + 1);
-        char node[64];
-        snprintf(node, sizeof node, "bus/usb/001/%03u", devnum);
-        dev->devnode = std::string("/dev/") + node;
-        dev->syspath = "/sys/devices/usb" + std::to_string(devnum);
-
-        // The handler first: adding the device makes it visible at once.
+        // libusb lists umockdev's devices in reverse order of their sysfs
+        // paths; two-digit ports keep that order for up to 90 devices.
+        dev->name = "1-" + std::to_string(10 + n - 1 - i);
         dev->handler = umockdev_ioctl_base_new();
         g_signal_connect(dev->handler, "handle-ioctl", G_CALLBACK(on_handle_ioctl), dev.get());
-        umockdev_testbed_attach_ioctl(st.testbed, dev->devnode.c_str(), dev->handler, nullptr);
-
-        const Bytes d = descriptors(dev->setup);
-        std::ostringstream rec;
-        rec << "P: /devices/usb" << devnum << "\n"
-            << "N: " << node << "\n"
-            << "E: SUBSYSTEM=usb\nE: DRIVER=usb\nE: BUSNUM=001\n"
-            << "E: DEVNUM=" << node + 12 << "\n"
-            << "E: DEVNAME=" << dev->devnode << "\n"
-            << "E: DEVTYPE=usb_device\n"
-            << "A: bConfigurationValue=1\\n\nA: busnum=1\\n\n"
-            << "A: devnum=" << devnum << "\\n\nA: speed=480\\n\n"
-            << "H: descriptors=" << to_hex(d.data(), d.size()) << "\n";
-        GError* error = nullptr;
-        if (!umockdev_testbed_add_from_string(st.testbed, rec.str().c_str(), &error)) {
-            std::string msg = error ? error->message : "unknown error";
-            g_clear_error(&error);
-            throw std::runtime_error("umockdev: " + msg);
-        }
-        if (dev->setup.unopenable) {
-            // Unreadable for a user; root ignores the mode, so there the node goes.
-            gchar* root = umockdev_testbed_get_root_dir(st.testbed);
-            const std::string path = std::string(root) + dev->devnode;
-            g_free(root);
-            chmod(path.c_str(), 0);
-            if (geteuid() == 0)
-                unlink(path.c_str());
-        }
+        dev->plug();
 
         desc << (i ? "; " : "") << kind_name(dev->setup.kind);
         char ids[32];
@@ -565,6 +668,20 @@ Firmware Testbed::firmware(size_t printer) const
         if (dev->setup.kind == Kind::Printer && printer-- == 0)
             return dev->fw;
     return Firmware();
+}
+
+void Testbed::unplug(size_t device)
+{
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    if (device < state_->devices.size())
+        state_->devices[device]->unplug();
+}
+
+void Testbed::plug(size_t device)
+{
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    if (device < state_->devices.size() && state_->devices[device]->gone)
+        state_->devices[device]->plug();
 }
 
 long Testbed::transfers() const

@@ -25,6 +25,7 @@ struct DeviceSpec {
     uint16_t vid = 0x1A2B;
     uint16_t pid = 0x00C4;
     std::string serial = "VP0001";  // empty: no serial-number string (index 0)
+    std::string product = "Virtual Printer";  // empty: no product string
     uint8_t interface_number = 0;
     Bytes endpoints = {0x01, 0x82};
     bool unopenable = false;
@@ -45,7 +46,8 @@ struct Faults {
     bool stall_out = false;
     bool stall_control = false;  // printer-class requests stall
     bool overflow = false;       // every reply is one byte longer than the read asks for
-    bool busy = false;           // another driver holds the interface: claims fail
+    bool no_accept = false;      // the printer never takes data: writes wait until their time-out
+    bool busy = false;           // another program holds the interface: claims and transfers fail
     long unplug_after = -1;      // the printer is unplugged after this many bulk transfers
 };
 
@@ -54,6 +56,7 @@ struct Scene {
     Firmware firmware;                // each printer starts with a copy
     Faults faults;
     std::string record_path;          // every bulk OUT frame, one hex line each
+    bool record_serial = false;       // prefix each recorded line with the printer's serial number
 };
 
 struct ControlRequest {
@@ -86,6 +89,10 @@ public:
     std::vector<ControlRequest> control_requests() const;
     Firmware firmware(size_t printer = 0) const;
     long transfers() const;  // bulk transfers, all devices
+    // Unplugs or plugs back device N (0-based, in list order). A device comes
+    // back at the same port with a new device number, as on a real bus.
+    void unplug(size_t device);
+    void plug(size_t device);
     std::string describe() const;
     std::string received() const;
 
