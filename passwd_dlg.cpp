@@ -97,7 +97,8 @@ static void passwd_dialog_init(PasswdDialog* self)
 
 PasswdDialog* passwd_dialog_new(void)
 {
-    auto* self = static_cast<PasswdDialog*>(g_object_new(PASSWD_TYPE_DIALOG, NULL));
+    // The window type is fixed at construction: the template cannot set it.
+    auto* self = static_cast<PasswdDialog*>(g_object_new(PASSWD_TYPE_DIALOG, "type", GTK_WINDOW_POPUP, NULL));
     passwd_dialog_set_is_ok(self, FALSE);
     return self;
 }

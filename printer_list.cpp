@@ -1,0 +1,174 @@
+#include "printer_list.h"
+
+#include <gudev/gudev.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+
+struct _PrinterList {
+    GObject parent_instance;
+    GUdevClient* client;
+    std::vector<Printer>* printers;
+};
+
+G_DEFINE_TYPE(PrinterList, printer_list, G_TYPE_OBJECT)
+
+enum { SIGNAL_CHANGED, N_SIGNALS };
+static guint signals[N_SIGNALS];
+
+bool Printer::operator==(const Printer& o) const
+{
+    return port == o.port && bus == o.bus && address == o.address && vid == o.vid && pid == o.pid &&
+           product == o.product && serial == o.serial && may_open == o.may_open;
+}
+
+std::string printer_name(const std::string& serial, guint16 vid, guint16 pid)
+{
+    if (!serial.empty())
+        return serial;
+    char ids[16];
+    snprintf(ids, sizeof ids, "%04X:%04X", vid, pid);
+    return ids;
+}
+
+static std::string attr_text(GUdevDevice* device, const char* name)
+{
+    const char* value = g_udev_device_get_sysfs_attr(device, name);
+    return value != NULL ? value : "";
+}
+
+static gulong attr_number(GUdevDevice* device, const char* name, int base)
+{
+    return strtoul(attr_text(device, name).c_str(), NULL, base);
+}
+
+// What the first interface of a device looks like; only that one decides
+// whether the device is a printer, as when a click enumerates.
+struct FirstInterface {
+    gulong number = G_MAXULONG;
+    gulong cls = 0;
+    gulong endpoints = 0;
+};
+
+static std::vector<Printer> scan(GUdevClient* client)
+{
+    GList* devices = g_udev_client_query_by_subsystem(client, "usb");
+    std::map<std::string, FirstInterface> first;  // by the device's sysfs path
+    for (GList* l = devices; l != NULL; l = l->next) {
+        GUdevDevice* itf = G_UDEV_DEVICE(l->data);
+        if (g_strcmp0(g_udev_device_get_devtype(itf), "usb_interface") != 0)
+            continue;
+        GUdevDevice* parent = g_udev_device_get_parent(itf);
+        if (parent == NULL)
+            continue;
+        FirstInterface& f = first[g_udev_device_get_sysfs_path(parent)];
+        const gulong number = attr_number(itf, "bInterfaceNumber", 16);
+        if (number < f.number)
+            f = {number, attr_number(itf, "bInterfaceClass", 16), attr_number(itf, "bNumEndpoints", 16)};
+        g_object_unref(parent);
+    }
+
+    std::vector<std::pair<std::string, Printer>> found;
+    for (GList* l = devices; l != NULL; l = l->next) {
+        GUdevDevice* device = G_UDEV_DEVICE(l->data);
+        const char* node = g_udev_device_get_device_file(device);
+        const auto f = first.find(g_udev_device_get_sysfs_path(device));
+        if (g_strcmp0(g_udev_device_get_devtype(device), "usb_device") != 0 || node == NULL ||
+            f == first.end() || f->second.cls != 7 || f->second.endpoints == 0)
+            continue;
+        Printer p;
+        p.port = g_udev_device_get_name(device);
+        p.bus = static_cast<guint>(attr_number(device, "busnum", 10));
+        p.address = static_cast<guint>(attr_number(device, "devnum", 10));
+        p.vid = static_cast<guint16>(attr_number(device, "idVendor", 16));
+        p.pid = static_cast<guint16>(attr_number(device, "idProduct", 16));
+        p.product = attr_text(device, "product");
+        p.serial = attr_text(device, "serial");
+        p.may_open = access(node, R_OK | W_OK) == 0;
+        found.emplace_back(g_udev_device_get_sysfs_path(device), p);
+    }
+    g_list_free_full(devices, g_object_unref);
+
+    // libusb lists devices in reverse order of their sysfs paths.
+    std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+    std::vector<Printer> printers;
+    for (auto& entry : found)
+        printers.push_back(std::move(entry.second));
+    return printers;
+}
+
+static void on_uevent(GUdevClient* client, const gchar* action, GUdevDevice* device, PrinterList* self)
+{
+    (void)action;
+    (void)device;
+    std::vector<Printer> now = scan(client);
+    if (now == *self->printers)
+        return;
+    *self->printers = std::move(now);
+    g_signal_emit(self, signals[SIGNAL_CHANGED], 0);
+}
+
+static void printer_list_dispose(GObject* object)
+{
+    PrinterList* self = PRINTER_LIST(object);
+    if (self->client != NULL)
+        g_signal_handlers_disconnect_by_data(self->client, self);
+    g_clear_object(&self->client);
+    G_OBJECT_CLASS(printer_list_parent_class)->dispose(object);
+}
+
+static void printer_list_finalize(GObject* object)
+{
+    delete PRINTER_LIST(object)->printers;
+    G_OBJECT_CLASS(printer_list_parent_class)->finalize(object);
+}
+
+static void printer_list_class_init(PrinterListClass* klass)
+{
+    GObjectClass* object_class = G_OBJECT_CLASS(klass);
+    object_class->dispose = printer_list_dispose;
+    object_class->finalize = printer_list_finalize;
+    signals[SIGNAL_CHANGED] = g_signal_new("changed", G_TYPE_FROM_CLASS(klass), G_SIGNAL_RUN_LAST, 0, NULL, NULL,
+                                           NULL, G_TYPE_NONE, 0);
+}
+
+static void printer_list_init(PrinterList* self)
+{
+    static const gchar* const subsystems[] = {"usb", NULL};
+    self->client = g_udev_client_new(subsystems);
+    self->printers = new std::vector<Printer>(scan(self->client));
+    g_signal_connect(self->client, "uevent", G_CALLBACK(on_uevent), self);
+}
+
+PrinterList* printer_list_new(void)
+{
+    return PRINTER_LIST(g_object_new(PRINTER_TYPE_LIST, NULL));
+}
+
+const std::vector<Printer>* printer_list_get_printers(PrinterList* self)
+{
+    g_return_val_if_fail(self != NULL, NULL);
+    return self->printers;
+}
+
+const Printer* printer_list_find_port(PrinterList* self, const std::string& port)
+{
+    g_return_val_if_fail(self != NULL, NULL);
+    for (const Printer& p : *self->printers)
+        if (p.port == port)
+            return &p;
+    return NULL;
+}
+
+const Printer* printer_list_find_address(PrinterList* self, guint bus, guint address)
+{
+    g_return_val_if_fail(self != NULL, NULL);
+    for (const Printer& p : *self->printers)
+        if (p.bus == bus && p.address == address)
+            return &p;
+    return NULL;
+}

@@ -1,0 +1,39 @@
+// The USB printers attached to this computer, as udev sees them: read from
+// sysfs, so nothing is sent to any device, and kept up to date from udev's
+// plug and unplug events ("changed").
+#pragma once
+
+#include <glib-object.h>
+
+#include <string>
+#include <vector>
+
+struct Printer {
+    std::string port;     // sysfs name, e.g. "1-4": the same when plugged back into the same port
+    guint bus = 0;
+    guint address = 0;    // a new one each time the printer is plugged in
+    guint16 vid = 0;
+    guint16 pid = 0;
+    std::string product;  // empty without one
+    std::string serial;   // empty without one
+    bool may_open = false;  // this user may read and write the device node
+
+    bool operator==(const Printer& other) const;
+};
+
+// How the window names a printer: its serial number, else VID:PID in upper-case hex.
+std::string printer_name(const std::string& serial, guint16 vid, guint16 pid);
+
+G_BEGIN_DECLS
+
+#define PRINTER_TYPE_LIST (printer_list_get_type())
+G_DECLARE_FINAL_TYPE(PrinterList, printer_list, PRINTER, LIST, GObject)
+
+PrinterList* printer_list_new(void);
+
+G_END_DECLS
+
+// In the order libusb lists them, so that the first is the "first printer found".
+const std::vector<Printer>* printer_list_get_printers(PrinterList* self);
+const Printer* printer_list_find_port(PrinterList* self, const std::string& port);
+const Printer* printer_list_find_address(PrinterList* self, guint bus, guint address);
