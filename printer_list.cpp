@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <cstdlib>
 #include <map>
 
@@ -54,13 +55,21 @@ struct FirstInterface {
     gulong endpoints = 0;
 };
 
-static std::vector<Printer> scan(GUdevClient* client)
+static bool within(const char* path, const char* removed)
+{
+    return removed != NULL && g_str_has_prefix(path, removed) &&
+           (path[strlen(removed)] == '\0' || path[strlen(removed)] == '/');
+}
+
+// The printers in sysfs, less the device (or interface) at removed.
+static std::vector<Printer> scan(GUdevClient* client, const char* removed)
 {
     GList* devices = g_udev_client_query_by_subsystem(client, "usb");
     std::map<std::string, FirstInterface> first;  // by the device's sysfs path
     for (GList* l = devices; l != NULL; l = l->next) {
         GUdevDevice* itf = G_UDEV_DEVICE(l->data);
-        if (g_strcmp0(g_udev_device_get_devtype(itf), "usb_interface") != 0)
+        if (g_strcmp0(g_udev_device_get_devtype(itf), "usb_interface") != 0 ||
+            within(g_udev_device_get_sysfs_path(itf), removed))
             continue;
         GUdevDevice* parent = g_udev_device_get_parent(itf);
         if (parent == NULL)
@@ -78,7 +87,8 @@ static std::vector<Printer> scan(GUdevClient* client)
         const char* node = g_udev_device_get_device_file(device);
         const auto f = first.find(g_udev_device_get_sysfs_path(device));
         if (g_strcmp0(g_udev_device_get_devtype(device), "usb_device") != 0 || node == NULL ||
-            f == first.end() || f->second.cls != 7 || f->second.endpoints == 0)
+            within(g_udev_device_get_sysfs_path(device), removed) || f == first.end() || f->second.cls != 7 ||
+            f->second.endpoints == 0)
             continue;
         Printer p;
         p.port = g_udev_device_get_name(device);
@@ -103,9 +113,9 @@ static std::vector<Printer> scan(GUdevClient* client)
 
 static void on_uevent(GUdevClient* client, const gchar* action, GUdevDevice* device, PrinterList* self)
 {
-    (void)action;
-    (void)device;
-    std::vector<Printer> now = scan(client);
+    // A device being removed may still be in sysfs when its event arrives.
+    const char* removed = g_strcmp0(action, "remove") == 0 ? g_udev_device_get_sysfs_path(device) : NULL;
+    std::vector<Printer> now = scan(client, removed);
     if (now == *self->printers)
         return;
     *self->printers = std::move(now);
@@ -140,7 +150,7 @@ static void printer_list_init(PrinterList* self)
 {
     static const gchar* const subsystems[] = {"usb", NULL};
     self->client = g_udev_client_new(subsystems);
-    self->printers = new std::vector<Printer>(scan(self->client));
+    self->printers = new std::vector<Printer>(scan(self->client, NULL));
     g_signal_connect(self->client, "uevent", G_CALLBACK(on_uevent), self);
 }
 

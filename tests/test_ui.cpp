@@ -61,6 +61,15 @@ GtkWidget* child_of(MainWindow* win, const char* name)
     return GTK_WIDGET(gtk_widget_get_template_child(GTK_WIDGET(win), MAIN_TYPE_WINDOW, name));
 }
 
+std::string status_text(MainWindow* win)
+{
+    GtkWidget* area = gtk_statusbar_get_message_area(GTK_STATUSBAR(child_of(win, "ctl_status")));
+    GList* children = gtk_container_get_children(GTK_CONTAINER(area));
+    std::string text = children ? gtk_label_get_text(GTK_LABEL(children->data)) : "";
+    g_list_free(children);
+    return text;
+}
+
 // The user interface's own lines ("[I]main_win:..."), without the manager's.
 std::vector<std::string> ui_lines(const Capture& log)
 {
@@ -100,6 +109,7 @@ TEST_F(Ui, PasswordDialogAcceptsOnlyTheExactPasswordOnOk)
     for (const Case& c : cases) {
         SCOPED_TRACE(c.text);
         Toplevel<PasswdDialog> dialog(passwd_dialog_new());
+        EXPECT_EQ(gtk_window_get_window_type(GTK_WINDOW(dialog.get())), GTK_WINDOW_POPUP);
         int closed = 0;
         g_signal_connect_swapped(dialog, "close", G_CALLBACK(+[](int* n) { ++*n; }), &closed);
         gtk_entry_set_text(password_entry(dialog), c.text);
@@ -194,12 +204,14 @@ TEST_F(Ui, HiddenActionsSendTheirFramesAndReadNothing)
                                                        "[I]main_win:111: timestamp: " + std::to_string(t)}));
     EXPECT_EQ(log.messages().at(1).substr(2), "[I]main_win:111: timestamp: " + std::to_string(t))
         << "the time is taken before the device search";
+    EXPECT_EQ(status_text(win), "Sent the time to printer VP0001.");
 
     log.clear();
     main_window_on_log_reset(nullptr, win);
     frames = bed.frames();
     EXPECT_EQ(frames.back(), "1b1d1e10551b1d1f");
     EXPECT_EQ(ui_lines(log), std::vector<std::string>{"[I]main_win:95: reset log"});
+    EXPECT_EQ(status_text(win), "Cleared the job log of printer VP0001.");
     EXPECT_EQ(bed.transfers(), 2) << "neither action reads";
     EXPECT_EQ(bed.firmware().job_log, (std::vector<uint32_t>{})) << "the printer took the reset";
 
@@ -218,6 +230,7 @@ TEST_F(Ui, HiddenActionsWithoutAPrinterSendNothing)
     EXPECT_EQ(lines[0], "[I]main_win:95: reset log");
     EXPECT_EQ(lines[1], "[I]main_win:107: trigger timestamp");
     EXPECT_EQ(bed.transfers(), 0);
+    EXPECT_EQ(status_text(win), "No USB printer found. Check the cable and that the printer is switched on.");
 
     // A null window: GLib's critical, nothing else.
     log.clear();
@@ -241,6 +254,8 @@ TEST_F(Ui, AddressConversionRefusesNullArguments)
 
 static void collect_labels(GtkWidget* widget, gpointer texts)
 {
+    if (GTK_IS_STATUSBAR(widget))  // what it says depends on the printers attached
+        return;
     // Buttons and column headers show their text through labels too.
     if (GTK_IS_LABEL(widget))
         static_cast<std::vector<std::string>*>(texts)->push_back(gtk_label_get_text(GTK_LABEL(widget)));
@@ -259,8 +274,8 @@ TEST_F(Ui, LabelsComeOutInGermanFromTheCatalogue)
     std::vector<std::string> texts;
     collect_labels(GTK_WIDGET(win.get()), &texts);
     std::sort(texts.begin(), texts.end());
-    EXPECT_EQ(texts, (std::vector<std::string>{"Auslösen", "DHCP", "Ereignis", "Gateway:", "IP-Adresse:", "Laden",
-                                               "Laden", "Netzwerkeinstellungen", "Protokoll", "Speichern",
+    EXPECT_EQ(texts, (std::vector<std::string>{"Auslösen", "DHCP", "Drucker:", "Ereignis", "Gateway:", "IP-Adresse:",
+                                               "Laden", "Laden", "Netzwerkeinstellungen", "Protokoll", "Speichern",
                                                "Subnetzmaske:", "Zeit", "Zurücksetzen"}));
 
     Toplevel<PasswdDialog> dialog(passwd_dialog_new());
@@ -268,6 +283,8 @@ TEST_F(Ui, LabelsComeOutInGermanFromTheCatalogue)
     collect_labels(GTK_WIDGET(dialog.get()), &texts);
     EXPECT_NE(std::find(texts.begin(), texts.end(), "Passwort eingeben:"), texts.end());
     EXPECT_STREQ(g_dgettext("Pellavoy", "Invalid password!"), "Ungültiges Passwort!");
+    EXPECT_STREQ(g_dngettext("Pellavoy", "Read %2$u job from printer %1$s.", "Read %2$u jobs from printer %1$s.", 2),
+                 "%2$u Aufträge von Drucker %1$s gelesen.");
 
     unsetenv("LANGUAGE");
     setlocale(LC_ALL, "C.UTF-8");

@@ -109,6 +109,37 @@ class Pellavoy:
     def click(self, name):
         press(self.button(name))
 
+    def act(self, name):
+        """Clicks a button whose handler logs a line and returns the status
+        line after it. The handler runs from an idle callback and the
+        accessibility bus is answered only once it has returned, so its first
+        log line is the sign to wait for."""
+        before = len(self.ui_lines())
+        self.click(name)
+        wait_for(lambda: len(self.ui_lines()) > before, 15, "the handler of " + name)
+        return self.status()
+
+    def status(self):
+        return self.app.child(roleName="status bar").name
+
+    def chooser(self):
+        return self.app.child(roleName="combo box")
+
+    def chooser_items(self):
+        return [item.name for item in self.chooser().child(roleName="menu").children]
+
+    def choose(self, index):
+        self.chooser().querySelection().selectChild(index)
+
+    def signal(self, sig):
+        """To the virtual printer: SIGUSR1 unplugs the printer --hotplug names, SIGUSR2 plugs it back in."""
+        self.proc.send_signal(sig)
+
+    def address_warning(self, label):
+        """The tooltip of the warning icon in that entry, or None without one."""
+        icons = [c for c in self._entries_by_label()[label].children if c.roleName == "icon"]
+        return icons[0].description if icons else None
+
     def page(self, name):
         tab = self.app.child(name=name, roleName="page tab")
         tabs = [t for t in tab.parent.children if t.roleName == "page tab"]
@@ -147,6 +178,8 @@ class Pellavoy:
 
     # --- what happened ----------------------------------------------------------
     def frames(self):
+        """Frames the printers received, in hex; with --record-serial each
+        line begins with the receiving printer's serial number."""
         with open(self.frames_path) as f:
             return [line.strip() for line in f if line.strip()]
 

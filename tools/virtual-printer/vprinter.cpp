@@ -344,6 +344,7 @@ struct Device {
         for (const std::string& path : interfaces)
             unlink((std::string(root) + "/sys/bus/usb/devices/" + path.substr(path.rfind('/') + 1)).c_str());
         unlink((std::string(root) + "/sys/bus/usb/devices/" + name).c_str());
+        unlink((std::string(root) + devnode).c_str());  // the kernel removes the node too
         g_free(root);
     }
 
