@@ -1,5 +1,6 @@
 """The files that reach the desktop, and the installed Debian package."""
 import fnmatch
+import glob
 import os
 import re
 import shutil
@@ -58,11 +59,42 @@ class DesktopFiles(unittest.TestCase):
                 self.assertIn(key, UDEV_ASSIGN)
             self.assertEqual(attribute is not None, key in UDEV_WITH_ATTRIBUTE, key)
         pairs = {(k, a): v for k, a, _, v in rules[0]}
-        self.assertEqual(pairs[("TAG", None)], "uaccess")
+        # The user at the seat, and the printing group for SSH and su sessions.
+        self.assertEqual((pairs[("TAG", None)], pairs[("GROUP", None)], pairs[("MODE", None)]), ("uaccess", "lp", "0660"))
         glob = pairs[("ENV", "ID_USB_INTERFACES")]
         for interfaces, printer in ((":070102:", True), (":030101:070102:", True), (":070201:ff0000:", True),
                                     (":080650:", False), (":030101:", False), (":0701:", False)):
             self.assertEqual(fnmatch.fnmatchcase(interfaces, glob), printer, interfaces)
+
+
+DEBS = os.path.join(os.environ.get("PELLAVOY_BUILD", os.path.join(ROOT, "build")), "deb")
+
+
+def deb(name):
+    found = glob.glob(os.path.join(DEBS, name + "_*.deb"))
+    return found[0] if found else None
+
+
+@unittest.skipUnless(deb("pellavoy") and deb("pellavoy-virtual-printer"), "the packages are not built (tools/build-deb)")
+class BuiltPackages(unittest.TestCase):
+    def files(self, name):
+        out = subprocess.run(["dpkg-deb", "-c", deb(name)], capture_output=True, text=True, check=True).stdout
+        return sorted(line.split()[-1][1:] for line in out.splitlines()
+                      if not line.endswith("/") and "/usr/share/doc/" not in line)
+
+    def test_the_program_and_the_emulator_are_apart(self):
+        self.assertEqual(self.files("pellavoy"), [
+            "/lib/udev/rules.d/70-pellavoy.rules", "/usr/bin/pellavoy", "/usr/bin/pellavoy-probe",
+            "/usr/share/applications/%s.desktop" % APP_ID, "/usr/share/icons/hicolor/scalable/apps/%s.svg" % APP_ID,
+            "/usr/share/locale/de/LC_MESSAGES/Pellavoy.mo", "/usr/share/locale/zh_CN/LC_MESSAGES/Pellavoy.mo",
+            "/usr/share/man/man1/pellavoy-probe.1.gz", "/usr/share/man/man1/pellavoy.1.gz",
+            "/usr/share/metainfo/%s.metainfo.xml" % APP_ID])
+        self.assertEqual(self.files("pellavoy-virtual-printer"),
+                         ["/usr/bin/virtual-printer", "/usr/share/man/man1/virtual-printer.1.gz"])
+        fields = subprocess.run(["dpkg-deb", "-f", deb("pellavoy"), "Depends", "Recommends", "Suggests"],
+                                capture_output=True, text=True, check=True).stdout
+        self.assertNotIn("umockdev", fields.split("Suggests:")[0], "the program needs no test library")
+        self.assertIn("fonts-noto-cjk", fields)
 
 
 @unittest.skipUnless(shutil.which("dpkg-query") and subprocess.run(

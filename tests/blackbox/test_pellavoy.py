@@ -1,7 +1,9 @@
 """Black-box tests of the real pellavoy binary against the virtual printer."""
+import os
+import subprocess
 import unittest
 
-from gui_driver import Pellavoy, press
+from gui_driver import BUILD, Pellavoy, press
 
 ADDR, MASK, GW = "IP address:", "Subnet mask:", "Gateway:"
 READ_NETCFG = "1b5e495352"
@@ -21,6 +23,28 @@ class Case(unittest.TestCase):
     def load_log(self, app):
         app.page("Log")
         app.click("Load")
+
+
+class CommandLine(unittest.TestCase):
+    def test_help_and_version_need_no_display(self):
+        env = {k: v for k, v in os.environ.items() if k not in ("DISPLAY", "WAYLAND_DISPLAY")}
+
+        def run(*args):
+            done = subprocess.run([os.path.join(BUILD, "pellavoy"), *args], capture_output=True, text=True,
+                                  env=env, timeout=30)
+            return done.returncode, done.stdout, done.stderr
+
+        status, out, _ = run("--help")
+        self.assertEqual(status, 0)
+        for option in ("--version", "--help-gtk", "--display=DISPLAY"):
+            self.assertIn(option, out)
+        self.assertEqual(run("--version")[:2], (0, "pellavoy 1.0.0\n"))
+        status, _, err = run()
+        self.assertEqual(status, 1)
+        self.assertIn("pellavoy: no display (DISPLAY is not set)", err)
+        status, _, err = run("--bogus")
+        self.assertEqual(status, 2)
+        self.assertIn("try 'pellavoy --help'", err)
 
 
 class PasswordGate(Case):

@@ -1,17 +1,21 @@
 // pellavoy-probe: lists the attached USB printers with their IEEE 1284 device
-// ID and port status, for a technician at a console.
-// Exit status: 0 a printer was found, 1 none, 2 USB could not be used.
+// ID and port status, for a technician at a console, and says of every
+// printer it cannot use why, and what to do.
 #include "COMMON/devmgr/usb_mgr.h"
 
 #include <libusb.h>
-#include <plog/Appenders/ConsoleAppender.h>
-#include <plog/Formatters/MessageOnlyFormatter.h>
-#include <plog/Init.h>
+
+#include <dirent.h>
+#include <limits.h>
+#include <unistd.h>
 
 #include <clocale>
+#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <iostream>
 #include <sstream>
+#include <vector>
 
 namespace {
 
@@ -21,7 +25,85 @@ const char usage_text[] =
     "Usage: pellavoy-probe [--help | --version]\n"
     "Lists the USB printers attached to this computer with their IEEE 1284 device ID\n"
     "and port status.\n"
-    "Exit status: 0 when a printer was found, 1 when none was, 2 when USB could not be used.\n";
+    "The printer marked \"first found\" is the one Pellavoy's window uses unless\n"
+    "another is chosen. A printer that cannot be used is named with the reason and\n"
+    "what to do about it.\n"
+    "Exit status: 0 when every printer found could be used, 1 when no printer was\n"
+    "found or none could be opened, 2 when USB could not be used at all, 3 when a\n"
+    "printer was found that another program or driver holds.\n";
+
+enum Status { usable = 0, none_usable = 1, no_usb = 2, held = 3 };
+
+std::string bus_place(uint8_t bus, uint8_t address)
+{
+    char text[40];
+    snprintf(text, sizeof text, "bus %03u device %03u", bus, address);
+    return text;
+}
+
+std::string ids(uint16_t vid, uint16_t pid)
+{
+    char text[16];
+    snprintf(text, sizeof text, "%04X:%04X", vid, pid);
+    return text;
+}
+
+std::string read_line(const std::string& path)
+{
+    std::ifstream in(path);
+    std::string line;
+    std::getline(in, line);
+    return line;
+}
+
+std::vector<std::string> entries(const std::string& path)
+{
+    std::vector<std::string> names;
+    if (DIR* dir = opendir(path.c_str())) {
+        while (dirent* e = readdir(dir))
+            if (e->d_name[0] != '.')
+                names.push_back(e->d_name);
+        closedir(dir);
+    }
+    return names;
+}
+
+// The kernel driver bound to one of the device's interfaces, from sysfs
+// ("usbfs" when a program holds it through libusb); empty when none is.
+std::string bound_driver(uint8_t bus, uint8_t address)
+{
+    const std::string root = "/sys/bus/usb/devices/";
+    const std::vector<std::string> names = entries(root);
+    for (const std::string& device : names) {
+        if (device.find(':') != std::string::npos || read_line(root + device + "/busnum") != std::to_string(bus) ||
+            read_line(root + device + "/devnum") != std::to_string(address))
+            continue;
+        for (const std::string& itf : names) {
+            char target[PATH_MAX] = {0};
+            if (itf.rfind(device + ":", 0) == 0 && readlink((root + itf + "/driver").c_str(), target, sizeof target - 1) > 0)
+                return strrchr(target, '/') != nullptr ? strrchr(target, '/') + 1 : target;
+        }
+    }
+    return "";
+}
+
+std::string holder(uint8_t bus, uint8_t address)
+{
+    const std::string driver = bound_driver(bus, address);
+    if (driver.empty() || driver == "usbfs")
+        return "another program holds its interface (a print spooler, say). Stop that program";
+    return "the kernel driver " + driver + " holds its interface and could not be detached. Unbind it";
+}
+
+std::string open_advice(int code)
+{
+    if (code == LIBUSB_ERROR_ACCESS)
+        return "permission denied.\n  Install the udev rule 70-pellavoy.rules and plug the printer in again, or add\n"
+               "  the user to the group lp (adduser USER lp, then log in again), or run as root.";
+    if (code == LIBUSB_ERROR_NO_DEVICE)
+        return usb::get_err_msg(code) + ".\n  Check the cable, plug the printer in again and run pellavoy-probe again.";
+    return usb::get_err_msg(code) + ".";
+}
 
 // The printer class's port status bits.
 std::string port_status_words(uint8_t status)
@@ -48,29 +130,42 @@ public:
     int run()
     {
         enumerate();
-        if (size() == 0) {
-            std::cout << "no USB printer found\n";
-            return 1;
-        }
+        int status = size() > 0 ? usable : none_usable;
         for (size_t i = 0; i < size(); ++i) {
+            const UsbDevInfo& dev = (*this)[i];
+            uint8_t bus = 0, address = 0;
+            place(i, bus, address);
+            std::cout << describe(dev) << (dev.sn.empty() ? " (no serial number)" : "")
+                      << (i == 0 ? "  [first found: the window uses it unless another is chosen]" : "") << "\n"
+                      << "  on USB:      " << bus_place(bus, address) << "\n";
             const void* handle = open(i);
+            if (claim_result() == LIBUSB_ERROR_BUSY) {
+                std::cout << "  cannot be used: " << holder(bus, address) << ", then run pellavoy-probe again.\n";
+                status = held;
+                close();
+                continue;
+            }
             std::string id;
-            uint8_t status = 0;
-            std::cout << describe((*this)[i]) << "\n";
+            uint8_t port_status = 0;
             if (get_1284_id(handle, id, request_timeout_ms))
                 std::cout << "  device ID:   " << id << "\n";
             else
                 std::cout << "  device ID:   (no answer)\n";
-            if (get_lpt_status(handle, status, request_timeout_ms)) {
+            if (get_lpt_status(handle, port_status, request_timeout_ms)) {
                 char hex[8];
-                snprintf(hex, sizeof hex, "0x%02X", status);
-                std::cout << "  port status: " << hex << " (" << port_status_words(status) << ")\n";
+                snprintf(hex, sizeof hex, "0x%02X", port_status);
+                std::cout << "  port status: " << hex << " (" << port_status_words(port_status) << ")\n";
             } else {
                 std::cout << "  port status: (no answer)\n";
             }
             close();
         }
-        return 0;
+        for (const OpenFailure& f : open_failures())
+            std::cout << ids(f.vid, f.pid) << " on " << bus_place(f.bus, f.address)
+                      << ": a printer that cannot be opened: " << open_advice(f.code) << "\n";
+        if (size() == 0 && open_failures().empty())
+            std::cout << "no USB printer found\n";
+        return status;
     }
 };
 
@@ -114,11 +209,10 @@ int main(int argc, char** argv)
     if (!usb_usable(why)) {
         std::cerr << "pellavoy-probe: cannot use USB: " << why << "\n"
                   << "pellavoy-probe: check that /dev/bus/usb exists and that you may read it.\n";
-        return 2;
+        return no_usb;
     }
-    // The manager's warnings (a printer it may not open, say) tell the technician why.
-    static plog::ConsoleAppender<plog::MessageOnlyFormatter> console(plog::streamStdErr);
-    plog::init<0>(plog::warning, &console);
+    // No logger: the manager's bare libusb texts would name neither the
+    // printer nor the fix; the probe says both itself.
     Probe probe;
     return probe.run();
 }

@@ -32,6 +32,8 @@ static const char usage_text[] =
     "  --serial=TEXT         serial number (default VP0001, VP0002, ...)\n"
     "  --no-serial           the printers have no serial-number string\n"
     "  --product=TEXT        product string (default 'Virtual Printer'; empty: none)\n"
+    "  --driver=NAME         a kernel driver bound to the printer interface (usblp,\n"
+    "                        say); with --busy, the driver that holds it\n"
     "  --interface=N         interface number of the printer interface (default 0)\n"
     "  --endpoints=LIST      endpoint addresses in hex, e.g. 01,82 (default)\n"
     "Firmware:\n"
@@ -86,7 +88,7 @@ int main(int argc, char** argv)
 {
     enum { O_PRINTERS = 256, O_NODEV, O_OTHER, O_HOSTILE, O_UNOPEN, O_VID, O_PID, O_SERIAL, O_NOSERIAL, O_ITF,
            O_EPS, O_NETCFG, O_JOBLOG, O_DEVID, O_STATUS, O_REPLY, O_NOREPLY, O_STALL, O_OVERFLOW, O_BUSY,
-           O_UNPLUG, O_RECORD, O_PRODUCT, O_NOACCEPT, O_HOTPLUG, O_RECSERIAL };
+           O_UNPLUG, O_RECORD, O_PRODUCT, O_NOACCEPT, O_HOTPLUG, O_RECSERIAL, O_DRIVER };
     static const option options[] = {
         {"printers", required_argument, nullptr, O_PRINTERS}, {"no-device", no_argument, nullptr, O_NODEV},
         {"other", required_argument, nullptr, O_OTHER},       {"hostile", required_argument, nullptr, O_HOSTILE},
@@ -101,6 +103,7 @@ int main(int argc, char** argv)
         {"unplug-after", required_argument, nullptr, O_UNPLUG}, {"record", required_argument, nullptr, O_RECORD},
         {"product", required_argument, nullptr, O_PRODUCT},   {"no-accept", no_argument, nullptr, O_NOACCEPT},
         {"hotplug", required_argument, nullptr, O_HOTPLUG},   {"record-serial", no_argument, nullptr, O_RECSERIAL},
+        {"driver", required_argument, nullptr, O_DRIVER},
         {"quiet", no_argument, nullptr, 'q'},                 {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0}};
 
@@ -162,6 +165,7 @@ int main(int argc, char** argv)
         case O_NOACCEPT: scene.faults.no_accept = true; break;
         case O_HOTPLUG: hotplug = number(optarg, 10, 16, "--hotplug"); break;
         case O_RECSERIAL: scene.record_serial = true; break;
+        case O_DRIVER: printer.driver = optarg; break;
         case 'q': quiet = true; break;
         case 'h': std::cout << usage_text; return 0;
         default: fail("unknown option");

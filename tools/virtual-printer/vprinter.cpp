@@ -390,6 +390,9 @@ struct Device {
                      name.c_str(), name.c_str(), itf.number, itf.number, itf.cls, itf.endpoints);
             add(text);
             interfaces.push_back(syspath + "/" + name + ":1." + std::to_string(itf.number));
+            if (itf.cls == 7 && !driver().empty())
+                umockdev_testbed_set_attribute_link(bed->testbed, interfaces.back().c_str(), "driver",
+                                                    ("../../../bus/usb/drivers/" + driver()).c_str());
         }
 
         if (setup.unopenable) {
@@ -403,6 +406,10 @@ struct Device {
         }
         gone = false;
     }
+
+    // As sysfs shows it: a program that claimed the interface through usbfs
+    // shows as the driver "usbfs".
+    std::string driver() const { return bed->faults.busy && setup.driver.empty() ? "usbfs" : setup.driver; }
 
     void add(const std::string& record)
     {
@@ -445,9 +452,18 @@ struct Device {
         case USBDEVFS_RESETEP:
             umockdev_ioctl_client_complete(client, gone ? -1 : 0, gone ? ENODEV : 0);
             return TRUE;
-        case USBDEVFS_GETDRIVER:
-            umockdev_ioctl_client_complete(client, -1, ENODATA);
+        case USBDEVFS_GETDRIVER: {
+            if (driver().empty()) {
+                umockdev_ioctl_client_complete(client, -1, ENODATA);
+                return TRUE;
+            }
+            UMockdevIoctlData* d = umockdev_ioctl_data_resolve(arg, 0, sizeof(usbdevfs_getdriver), nullptr);
+            auto* get = reinterpret_cast<usbdevfs_getdriver*>(d->data);
+            snprintf(get->driver, sizeof get->driver, "%s", driver().c_str());
+            umockdev_ioctl_client_complete(client, 0, 0);
+            g_object_unref(d);
             return TRUE;
+        }
         case USBDEVFS_SUBMITURB: {
             if (gone) {
                 umockdev_ioctl_client_complete(client, -1, ENODEV);

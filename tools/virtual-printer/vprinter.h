@@ -26,6 +26,7 @@ struct DeviceSpec {
     uint16_t pid = 0x00C4;
     std::string serial = "VP0001";  // empty: no serial-number string (index 0)
     std::string product = "Virtual Printer";  // empty: no product string
+    std::string driver;  // kernel driver bound to the printer interface; empty: none
     uint8_t interface_number = 0;
     Bytes endpoints = {0x01, 0x82};
     bool unopenable = false;
