@@ -67,14 +67,14 @@ def press(node):
 class Pellavoy:
     """One run of pellavoy under the virtual printer, with the given options."""
 
-    def __init__(self, *printer_options, password=PASSWORD, program=None, env=None):
+    def __init__(self, *printer_options, password=PASSWORD, program=None, env=None, summary=False):
         self.tmp = tempfile.TemporaryDirectory(prefix="pellavoy-gui-")
         self.frames_path = os.path.join(self.tmp.name, "frames")
         self.stderr_path = os.path.join(self.tmp.name, "stderr")
         env = dict(os.environ, GTK_A11Y="atspi", NO_AT_BRIDGE="0", TZ="UTC", **(env or {}))
         self.stderr = open(self.stderr_path, "w")
         self.proc = subprocess.Popen(
-            [os.path.join(BUILD, "tools", "virtual-printer"), "--quiet", "--record", self.frames_path,
+            [os.path.join(BUILD, "tools", "virtual-printer"), *([] if summary else ["--quiet"]), "--record", self.frames_path,
              *printer_options, "--", program or os.path.join(BUILD, "pellavoy")],
             env=env, stdout=subprocess.PIPE, stderr=self.stderr)
         self.pid = wait_for(self._pellavoy_pid, 10, "pellavoy to start")

@@ -140,6 +140,7 @@ struct Testbed::State {
     unsigned next_devnum = 2;  // 1 is the root hub
     long transfers = 0;
     long reads_answered = 0;
+    long requests = 0;  // every URB submitted: control, bulk and the rest
     std::string description;
 };
 
@@ -471,6 +472,7 @@ struct Device {
             }
             UMockdevIoctlData* urb_data = umockdev_ioctl_data_resolve(arg, 0, sizeof(usbdevfs_urb), nullptr);
             usbdevfs_urb* urb = urb_of(urb_data);
+            ++bed->requests;
             UMockdevIoctlData* buffer = nullptr;
             if (urb->buffer_length > 0)
                 buffer = umockdev_ioctl_data_resolve(urb_data, offsetof(usbdevfs_urb, buffer),
@@ -720,7 +722,7 @@ std::string Testbed::received() const
         bytes += f.size() / 2;
     std::ostringstream s;
     s << state_->frames.size() << " frame(s), " << bytes << " byte(s) received; " << state_->reads_answered
-      << " read(s) answered";
+      << " read(s) answered; " << state_->requests << " USB request(s) in all";
     return s.str();
 }
 
