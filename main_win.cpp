@@ -160,15 +160,23 @@ static Exchange open_failure(MainWindow* self, void* mgr, const Printer* at)
     return failure(Outcome::NoPrinter, "");
 }
 
-// An I/O error right after an unplug is the unplug: the device node is gone.
-static Outcome transfer_outcome(int code, Outcome timeout, const usb_dev_summary& dev)
+// An I/O error is what the kernel reports for a transfer cut short by an
+// unplug; the device node then goes, at most a moment later.
+static bool node_gone(const usb_dev_summary& dev)
 {
     gchar* node = g_strdup_printf("/dev/bus/usb/%03u/%03u", dev.bus, dev.address);
-    const bool gone = !g_file_test(node, G_FILE_TEST_EXISTS);
+    bool gone = false;
+    for (int i = 0; i < 10 && !(gone = !g_file_test(node, G_FILE_TEST_EXISTS)); ++i)
+        g_usleep(20 * 1000);
     g_free(node);
+    return gone;
+}
+
+static Outcome transfer_outcome(int code, Outcome timeout, const usb_dev_summary& dev)
+{
     if (code == LIBUSB_ERROR_TIMEOUT)
         return timeout;
-    if (code == LIBUSB_ERROR_NO_DEVICE || (code == LIBUSB_ERROR_IO && gone))
+    if (code == LIBUSB_ERROR_NO_DEVICE || (code == LIBUSB_ERROR_IO && node_gone(dev)))
         return Outcome::Disconnected;
     return Outcome::Failed;
 }

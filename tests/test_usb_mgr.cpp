@@ -459,6 +459,8 @@ TEST_F(UsbMgr, FlatInterfaceReportsWhyThingsFailed)
         {"no reply", [](Scene& s) { s.faults.no_reply = true; }, 0, 0, LIBUSB_ERROR_TIMEOUT},
         {"takes no data", [](Scene& s) { s.faults.no_accept = true; }, 0, LIBUSB_ERROR_TIMEOUT, LIBUSB_ERROR_TIMEOUT},
         {"unplugged after the write", [](Scene& s) { s.faults.unplug_after = 1; }, 0, 0, LIBUSB_ERROR_NO_DEVICE},
+        {"unplugged during the read", [](Scene& s) { s.faults.unplug_after = 2; s.faults.no_reply = true; }, 0, 0,
+         LIBUSB_ERROR_IO},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);

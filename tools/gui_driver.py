@@ -65,20 +65,22 @@ def press(node):
 
 
 class Pellavoy:
-    """One run of pellavoy under the virtual printer, with the given options."""
+    """One run of pellavoy under the virtual printer, with the given options;
+    with emulate=False, on the machine's own USB devices."""
 
-    def __init__(self, *printer_options, password=PASSWORD, program=None, env=None, summary=False):
+    def __init__(self, *printer_options, password=PASSWORD, program=None, env=None, summary=False, emulate=True):
         self.tmp = tempfile.TemporaryDirectory(prefix="pellavoy-gui-")
         self.frames_path = os.path.join(self.tmp.name, "frames")
         self.stderr_path = os.path.join(self.tmp.name, "stderr")
         env = dict(os.environ, GTK_A11Y="atspi", NO_AT_BRIDGE="0", TZ="UTC", **(env or {}))
         self.stderr = open(self.stderr_path, "w")
-        self.proc = subprocess.Popen(
-            [os.path.join(BUILD, "tools", "virtual-printer"), *([] if summary else ["--quiet"]), "--record", self.frames_path,
-             *printer_options, "--", program or os.path.join(BUILD, "pellavoy")],
-            env=env, stdout=subprocess.PIPE, stderr=self.stderr)
-        self.pid = wait_for(self._pellavoy_pid, 10, "pellavoy to start")
-        self.app = wait_for(self._find_app, 20, "pellavoy on the accessibility bus")
+        program = program or os.path.join(BUILD, "pellavoy")
+        emulator = [os.path.join(BUILD, "tools", "virtual-printer"), *([] if summary else ["--quiet"]),
+                    "--record", self.frames_path, *printer_options, "--"]
+        self.proc = subprocess.Popen((emulator if emulate else []) + [program],
+                                     env=env, stdout=subprocess.PIPE, stderr=self.stderr)
+        self.pid = wait_for(self._pellavoy_pid, 10, "pellavoy to start") if emulate else self.proc.pid
+        self.app = wait_for(self._find_app, 60, "pellavoy on the accessibility bus")
         if password is not None:
             self.enter_password(password)
 

@@ -59,6 +59,8 @@ class Outcomes(Case):
             (("--stall", "out"), "Load", "The exchange with printer VP0001 failed: Pipe error.", [READ_NETCFG]),
             (("--overflow",), "Load", "The exchange with printer VP0001 failed: Overflow.", [READ_NETCFG]),
             (("--unplug-after", "1"), "Load", "Printer VP0001 was disconnected.", [READ_NETCFG]),
+            # Pulled out while the window waits for the reply: the kernel's bus error.
+            (("--unplug-after", "2", "--no-reply"), "Load", "Printer VP0001 was disconnected.", [READ_NETCFG]),
         ]
         for options, button, sentence, frames in cases:
             with self.subTest(options=options, button=button):

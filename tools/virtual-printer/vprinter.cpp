@@ -329,9 +329,11 @@ struct Device {
         if (gone)
             return;
         gone = true;
+        // The kernel ends what was pending with a bus error (libusb: an I/O
+        // error), and refuses new transfers with ENODEV.
         for (auto* pending : {&pending_in, &pending_out}) {
             for (UMockdevIoctlData* urb_data : *pending)
-                finish(urb_data, -ENODEV, 0);
+                finish(urb_data, -EPROTO, 0);
             pending->clear();
         }
         // umockdev sends no uevents on removal; the kernel sends the
