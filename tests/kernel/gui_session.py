@@ -23,7 +23,7 @@ READ_NETCFG, READ_LOG = "1b5e495352", "1b1d1e10571b1d1f"
 
 class Responder:
     def __init__(self, *options):
-        self.proc = subprocess.Popen(["/usr/bin/python3", os.path.join(HERE, "responder.py"), RECORD, GADGET, *options],
+        self.proc = subprocess.Popen(["/usr/bin/python3", os.path.join(HERE, "..", "..", "tools", "kernel", "responder.py"), RECORD, GADGET, *options],
                                      stderr=subprocess.PIPE, text=True)
         self.proc.stderr.readline()  # "responder: ready"
 
@@ -55,7 +55,7 @@ class KernelSession(unittest.TestCase):
         self.assertEqual(frames(), [READ_NETCFG, "1b5e49535700c0a80715c0a80701ffffff00", READ_LOG])
 
         # Held by another program: the busy sentence, and nothing reaches the printer.
-        holder = subprocess.Popen([os.path.join(driver.BUILD, "tests", "hold-printer"), "1a2b", "00c4"],
+        holder = subprocess.Popen([os.path.join(driver.BUILD, "tools", "hold-printer"), "1a2b", "00c4"],
                                   stdout=subprocess.PIPE, text=True)
         self.assertEqual(holder.stdout.readline(), "held\n")
         self.assertEqual(app.act("Load"), "Printer K7Q0012 is in use by another program.")

@@ -1,6 +1,6 @@
 // The USB manager on a real kernel: run inside the VM of tests/kernel/run,
 // where the kernel's printer gadget (dummy_hcd) is this machine's only USB
-// printer and tests/kernel/responder.py plays its firmware.
+// printer and tools/kernel/responder.py plays its firmware.
 #include "COMMON/devmgr/usb_mgr.h"
 
 #include <gtest/gtest.h>
@@ -25,7 +25,7 @@
 namespace {
 
 const std::string gadget = getenv("KERNEL_GADGET") ? getenv("KERNEL_GADGET") : "";
-const std::string here = getenv("KERNEL_TESTS") ? getenv("KERNEL_TESTS") : "";
+const std::string responder_py = getenv("KERNEL_RESPONDER") ? getenv("KERNEL_RESPONDER") : "";
 const std::string tools = getenv("KERNEL_TOOLS") ? getenv("KERNEL_TOOLS") : "";
 const std::string record = "/tmp/gadget-frames";
 const std::string netcfg_reply = "00c0a80714c0a80701ffffff00";
@@ -99,7 +99,7 @@ public:
         pid_ = fork();
         if (pid_ == 0) {
             dup2(ready[1], 2);
-            execl("/usr/bin/python3", "python3", (here + "/responder.py").c_str(), record.c_str(), gadget.c_str(),
+            execl("/usr/bin/python3", "python3", responder_py.c_str(), record.c_str(), gadget.c_str(),
                   unplug_on_read ? "--unplug-on-read" : nullptr, nullptr);
             _exit(127);
         }
@@ -212,7 +212,7 @@ TEST_F(Kernel, TheManagerTalksToThePrinterThroughUsbfs)
 TEST_F(Kernel, AnInterfaceHeldByAnotherProgram)
 {
     Responder responder;
-    FILE* holder = popen((tools + "/../tests/hold-printer 1a2b 00c4").c_str(), "r");
+    FILE* holder = popen((tools + "/hold-printer 1a2b 00c4").c_str(), "r");
     char held[16] = {0};
     ASSERT_TRUE(holder != nullptr && fgets(held, sizeof held, holder) != nullptr);
     ASSERT_STREQ(held, "held\n");
