@@ -425,7 +425,7 @@ TEST_F(UsbMgr, FlatInterface)
     usb_mgr_free(mgr);
 }
 
-// What the window needs to say why an exchange failed, and to which printer.
+// What the window needs to name a printer that enumeration could not open.
 TEST_F(UsbMgr, FlatInterfaceReportsWhyThingsFailed)
 {
     DeviceSpec unopenable = printer("VP0009");
@@ -448,40 +448,8 @@ TEST_F(UsbMgr, FlatInterfaceReportsWhyThingsFailed)
         EXPECT_EQ(usb_mgr_get_record(mgr, 1, &dev), -1);
         usb_mgr_free(mgr);
     }
-    struct Case {
-        const char* name;
-        void (*fault)(Scene&);
-        int claim, write, read;
-    };
-    const Case cases[] = {
-        {"fine", [](Scene&) {}, 0, 0, 0},
-        {"busy", [](Scene& s) { s.faults.busy = true; }, LIBUSB_ERROR_BUSY, LIBUSB_ERROR_IO, LIBUSB_ERROR_IO},
-        {"no reply", [](Scene& s) { s.faults.no_reply = true; }, 0, 0, LIBUSB_ERROR_TIMEOUT},
-        {"takes no data", [](Scene& s) { s.faults.no_accept = true; }, 0, LIBUSB_ERROR_TIMEOUT, LIBUSB_ERROR_TIMEOUT},
-        {"unplugged after the write", [](Scene& s) { s.faults.unplug_after = 1; }, 0, 0, LIBUSB_ERROR_NO_DEVICE},
-        {"unplugged during the read", [](Scene& s) { s.faults.unplug_after = 2; s.faults.no_reply = true; }, 0, 0,
-         LIBUSB_ERROR_IO},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        Scene s = scene_of({printer()});
-        c.fault(s);
-        Testbed bed(s);
-        void* mgr = usb_mgr_new();
-        usb_mgr_enumerate(mgr);
-        const void* h = usb_mgr_open(mgr, 0);
-        EXPECT_EQ(usb_mgr_get_claim_result(mgr), c.claim);
-        int code = 1;
-        usb_handle_write_ex(h, reinterpret_cast<const uint8_t*>(read_netcfg), 5, 200, &code);
-        EXPECT_EQ(code, c.write);
-        uint8_t buf[64] = {0};
-        uint8_t* data = buf;
-        int32_t len = 64;
-        usb_handle_read_ex(h, &data, &len, 200, &code);
-        EXPECT_EQ(code, c.read);
-        EXPECT_EQ(bed.frames().size(), c.write == 0 && c.claim == 0 ? 1u : 0u) << "nothing reaches a held printer";
-        usb_mgr_free(mgr);
-    }
+    // The claim and transfer codes of each fault are checked through the
+    // window's sentences (black-box suite) and on the kernel (kernel suite).
 }
 
 TEST(UsbText, RecordAndWideForms)

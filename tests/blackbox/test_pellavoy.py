@@ -9,6 +9,7 @@ ADDR, MASK, GW = "IP address:", "Subnet mask:", "Gateway:"
 READ_NETCFG = "1b5e495352"
 READ_LOG = "1b1d1e10571b1d1f"
 EPOCH = ("1970-01-01 00:00:00", "start job")
+NO_PRINTER = "No USB printer found. Check the cable and that the printer is switched on."
 
 
 class Case(unittest.TestCase):
@@ -190,6 +191,7 @@ class LogPage(Case):
 class NoPrinter(Case):
     def test_every_action_logs_its_first_line_and_sends_nothing(self):
         app = self.run_app("--no-device")
+        self.assertEqual((app.status(), app.chooser_items()), (NO_PRINTER, ["First printer found"]))
         app.set_field(ADDR, "1.1.1.1")
         app.click("Save")
         self.load_net(app)
