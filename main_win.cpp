@@ -15,14 +15,12 @@
 #define N_(text) text
 #define NP_(singular, plural) singular, plural  // a plural pair, translated where used
 
-// The printer chooser's state: the printers udev reported last, and the
-// user's choice (a USB port; empty for the first printer found) with the
-// printer last seen there, to name it while it is away.
+// The printer chooser's state: the user's choice (a USB port; empty for the
+// first printer found) and the printer last seen there, to name it while it
+// is away.
 struct Chooser {
-    std::vector<Printer> seen;
     std::string port;
     Printer chosen;
-    bool away_shown = false;  // the chosen printer's item is marked not connected
 };
 
 struct _MainWindow {
@@ -436,6 +434,12 @@ static std::string marked(const char* format, const std::string& label)
 
 static void main_window_on_printer_changed(GtkComboBox* combo, MainWindow* self);
 
+// The chosen printer is not attached: its item is the last, marked not connected.
+static bool chosen_is_away(MainWindow* self)
+{
+    return !self->chooser->port.empty() && printer_list_find_port(self->printers, self->chooser->port) == NULL;
+}
+
 // The items: the first printer found, every printer attached, and the chosen
 // printer while it is away.
 static void refresh_chooser(MainWindow* self)
@@ -445,17 +449,14 @@ static void refresh_chooser(MainWindow* self)
     g_signal_handlers_block_by_func(combo, reinterpret_cast<gpointer>(main_window_on_printer_changed), self);
     gtk_combo_box_text_remove_all(combo);
     gtk_combo_box_text_append(combo, "", _("First printer found"));
-    c.away_shown = !c.port.empty();
-    for (const Printer& p : c.seen) {
+    for (const Printer& p : *printer_list_get_printers(self->printers)) {
         gtk_combo_box_text_append(combo, p.port.c_str(),
                                   p.may_open ? chooser_label(p).c_str()
                                              : marked(_("%s — no permission"), chooser_label(p)).c_str());
-        if (p.port == c.port) {
+        if (p.port == c.port)
             c.chosen = p;
-            c.away_shown = false;
-        }
     }
-    if (c.away_shown)
+    if (chosen_is_away(self))
         gtk_combo_box_text_append(combo, c.port.c_str(), marked(_("%s — not connected"), chooser_label(c.chosen)).c_str());
     gtk_combo_box_set_active_id(GTK_COMBO_BOX(combo), c.port.c_str());
     g_signal_handlers_unblock_by_func(combo, reinterpret_cast<gpointer>(main_window_on_printer_changed), self);
@@ -470,39 +471,34 @@ static void main_window_on_printer_changed(GtkComboBox* combo, MainWindow* self)
     if (port == c.port)
         return;
     // Choosing another printer lets the one that is away go from the list.
-    if (c.away_shown) {
-        gtk_combo_box_text_remove(self->ctl_printer, static_cast<gint>(c.seen.size()) + 1);
-        c.away_shown = false;
-    }
+    if (chosen_is_away(self))
+        gtk_combo_box_text_remove(self->ctl_printer,
+                                  static_cast<gint>(printer_list_get_printers(self->printers)->size()) + 1);
     c.port = port;
-    for (const Printer& p : c.seen)
-        if (p.port == port)
-            c.chosen = p;
+    if (const Printer* p = printer_list_find_port(self->printers, port))
+        c.chosen = *p;
 }
 
-// udev's news: the chooser follows, and the status line says what came and went.
+// udev's news: the status line says what came and went, and the chooser follows.
+static void main_window_on_printer_added(PrinterList* list, const Printer* p, MainWindow* self)
+{
+    (void)list;
+    g_return_if_fail(self != NULL);
+    show_status(self, sentence(Outcome::Connected, printer_name(p->serial, p->vid, p->pid)));
+}
+
+static void main_window_on_printer_removed(PrinterList* list, const Printer* p, MainWindow* self)
+{
+    (void)list;
+    g_return_if_fail(self != NULL);
+    show_status(self, sentence(Outcome::Disconnected, printer_name(p->serial, p->vid, p->pid)));
+}
+
 static void main_window_on_printers_changed(PrinterList* list, MainWindow* self)
 {
+    (void)list;
     g_return_if_fail(self != NULL);
-    Chooser& c = *self->chooser;
-    const std::vector<Printer>& now = *printer_list_get_printers(list);
-    auto has_port = [](const std::vector<Printer>& printers, const std::string& port) {
-        for (const Printer& p : printers)
-            if (p.port == port)
-                return true;
-        return false;
-    };
-    std::string news;
-    for (const Printer& p : c.seen)
-        if (!has_port(now, p.port))
-            news = sentence(Outcome::Disconnected, printer_name(p.serial, p.vid, p.pid));
-    for (const Printer& p : now)
-        if (!has_port(c.seen, p.port))
-            news = sentence(Outcome::Connected, printer_name(p.serial, p.vid, p.pid));
-    c.seen = now;
     refresh_chooser(self);
-    if (!news.empty())
-        show_status(self, news);
 }
 
 // Entries whose text Save would send as 0.0.0.0 show a warning; an empty one does not.
@@ -608,10 +604,11 @@ static void main_window_init(MainWindow* self)
 
     self->chooser = new Chooser();
     self->printers = printer_list_new();
-    self->chooser->seen = *printer_list_get_printers(self->printers);
+    g_signal_connect(self->printers, "added", G_CALLBACK(main_window_on_printer_added), self);
+    g_signal_connect(self->printers, "removed", G_CALLBACK(main_window_on_printer_removed), self);
     g_signal_connect(self->printers, "changed", G_CALLBACK(main_window_on_printers_changed), self);
     refresh_chooser(self);
-    if (self->chooser->seen.empty())
+    if (printer_list_get_printers(self->printers)->empty())
         show_status(self, sentence(Outcome::NoPrinter, ""));
 }
 

@@ -18,7 +18,7 @@ struct _PrinterList {
 
 G_DEFINE_TYPE(PrinterList, printer_list, G_TYPE_OBJECT)
 
-enum { SIGNAL_CHANGED, N_SIGNALS };
+enum { SIGNAL_ADDED, SIGNAL_REMOVED, SIGNAL_CHANGED, N_SIGNALS };
 static guint signals[N_SIGNALS];
 
 bool Printer::operator==(const Printer& o) const
@@ -111,6 +111,14 @@ static std::vector<Printer> scan(GUdevClient* client, const char* removed)
     return printers;
 }
 
+static const Printer* find_port(const std::vector<Printer>& printers, const std::string& port)
+{
+    for (const Printer& p : printers)
+        if (p.port == port)
+            return &p;
+    return NULL;
+}
+
 static void on_uevent(GUdevClient* client, const gchar* action, GUdevDevice* device, PrinterList* self)
 {
     // A device being removed may still be in sysfs when its event arrives.
@@ -118,7 +126,14 @@ static void on_uevent(GUdevClient* client, const gchar* action, GUdevDevice* dev
     std::vector<Printer> now = scan(client, removed);
     if (now == *self->printers)
         return;
+    const std::vector<Printer> before = std::move(*self->printers);
     *self->printers = std::move(now);
+    for (const Printer& p : before)
+        if (find_port(*self->printers, p.port) == NULL)
+            g_signal_emit(self, signals[SIGNAL_REMOVED], 0, &p);
+    for (const Printer& p : *self->printers)
+        if (find_port(before, p.port) == NULL)
+            g_signal_emit(self, signals[SIGNAL_ADDED], 0, &p);
     g_signal_emit(self, signals[SIGNAL_CHANGED], 0);
 }
 
@@ -142,6 +157,12 @@ static void printer_list_class_init(PrinterListClass* klass)
     GObjectClass* object_class = G_OBJECT_CLASS(klass);
     object_class->dispose = printer_list_dispose;
     object_class->finalize = printer_list_finalize;
+    // "added" and "removed" pass the printer (a const Printer*, valid during
+    // the emission); "changed" follows them once the list is up to date.
+    signals[SIGNAL_ADDED] = g_signal_new("added", G_TYPE_FROM_CLASS(klass), G_SIGNAL_RUN_LAST, 0, NULL, NULL, NULL,
+                                         G_TYPE_NONE, 1, G_TYPE_POINTER);
+    signals[SIGNAL_REMOVED] = g_signal_new("removed", G_TYPE_FROM_CLASS(klass), G_SIGNAL_RUN_LAST, 0, NULL, NULL,
+                                           NULL, G_TYPE_NONE, 1, G_TYPE_POINTER);
     signals[SIGNAL_CHANGED] = g_signal_new("changed", G_TYPE_FROM_CLASS(klass), G_SIGNAL_RUN_LAST, 0, NULL, NULL,
                                            NULL, G_TYPE_NONE, 0);
 }
@@ -168,10 +189,7 @@ const std::vector<Printer>* printer_list_get_printers(PrinterList* self)
 const Printer* printer_list_find_port(PrinterList* self, const std::string& port)
 {
     g_return_val_if_fail(self != NULL, NULL);
-    for (const Printer& p : *self->printers)
-        if (p.port == port)
-            return &p;
-    return NULL;
+    return find_port(*self->printers, port);
 }
 
 const Printer* printer_list_find_address(PrinterList* self, guint bus, guint address)

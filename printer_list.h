@@ -1,6 +1,6 @@
 // The USB printers attached to this computer, as udev sees them: read from
 // sysfs, so nothing is sent to any device, and kept up to date from udev's
-// plug and unplug events ("changed").
+// plug and unplug events ("added", "removed", then "changed").
 #pragma once
 
 #include <glib-object.h>

@@ -528,8 +528,7 @@ const void* usb_mgr_open(void* mgr, size_t idx)
 // The class refuses a null or all-ones handle with -1.
 int usb_handle_write(const void* handle, const uint8_t* data, size_t len, size_t timeout)
 {
-    int code = 0;
-    return usb_handle_write_ex(handle, data, len, timeout, &code);
+    return usb_handle_write_ex(handle, data, len, timeout, nullptr);
 }
 
 int usb_handle_write_ex(const void* handle, const uint8_t* data, size_t len, size_t timeout, int* code)
@@ -543,8 +542,7 @@ int usb_handle_write_ex(const void* handle, const uint8_t* data, size_t len, siz
 // is touched.
 int usb_handle_read(const void* handle, uint8_t** buf, int32_t* len, size_t timeout)
 {
-    int code = 0;
-    return usb_handle_read_ex(handle, buf, len, timeout, &code);
+    return usb_handle_read_ex(handle, buf, len, timeout, nullptr);
 }
 
 int usb_handle_read_ex(const void* handle, uint8_t** buf, int32_t* len, size_t timeout, int* code)

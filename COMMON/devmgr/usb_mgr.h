@@ -171,7 +171,7 @@ int usb_mgr_get_record(void* mgr, size_t idx, struct usb_dev_summary* out);
 int usb_mgr_get_open_failure(void* mgr, size_t i, struct usb_dev_summary* out);
 // libusb's code for the claim of the last open (0: claimed; -1 without a manager).
 int usb_mgr_get_claim_result(void* mgr);
-// usb_handle_write and usb_handle_read with libusb's result code in *code.
+// usb_handle_write and usb_handle_read with libusb's result code in *code (may be null).
 int usb_handle_write_ex(const void* handle, const uint8_t* data, size_t len, size_t timeout, int* code);
 int usb_handle_read_ex(const void* handle, uint8_t** buf, int32_t* len, size_t timeout, int* code);
 // libusb's text for a code.

@@ -2,6 +2,7 @@
 // where the kernel's printer gadget (dummy_hcd) is this machine's only USB
 // printer and tools/kernel/responder.py plays its firmware.
 #include "COMMON/devmgr/usb_mgr.h"
+#include "vprinter.h"
 
 #include <gtest/gtest.h>
 #include <libusb.h>
@@ -76,17 +77,6 @@ std::string driver_of(const std::string& interface)
     return strrchr(target, '/') + 1;
 }
 
-std::string hex(const uint8_t* data, size_t n)
-{
-    std::string s;
-    char b[3];
-    for (size_t i = 0; i < n; ++i) {
-        snprintf(b, sizeof b, "%02x", data[i]);
-        s += b;
-    }
-    return s;
-}
-
 // The firmware on the gadget side, for the length of one test.
 class Responder {
 public:
@@ -144,7 +134,7 @@ Exchange exchange(size_t write_timeout = 2000, size_t read_timeout = 1000)
         uint8_t* p = buf;
         ex.received = sizeof buf;
         usb_handle_read_ex(h, &p, &ex.received, read_timeout, &ex.read);
-        ex.reply = hex(buf, static_cast<size_t>(ex.received) < sizeof buf ? ex.received : 0);
+        ex.reply = vprinter::to_hex(buf, static_cast<size_t>(ex.received) < sizeof buf ? ex.received : 0);
         usb_handle_free(h);
     }
     usb_mgr_free(mgr);
@@ -190,7 +180,7 @@ TEST_F(Kernel, TheManagerTalksToThePrinterThroughUsbfs)
     EXPECT_EQ(UsbManager::write(h, reinterpret_cast<const char*>(read_netcfg), 5, 2000), 5);
     std::vector<char> reply(64, 0);
     ASSERT_EQ(UsbManager::read(h, reply, 1000), 13);
-    EXPECT_EQ(hex(reinterpret_cast<const uint8_t*>(reply.data()), 13), netcfg_reply);
+    EXPECT_EQ(vprinter::to_hex(reinterpret_cast<const uint8_t*>(reply.data()), 13), netcfg_reply);
     std::string id;
     EXPECT_TRUE(UsbManager::get_1284_id(h, id, 1000));
     EXPECT_EQ(id, "MFG:Pellavoy;CMD:ESC;MDL:KP-1;CLS:PRINTER;");
