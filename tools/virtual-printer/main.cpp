@@ -47,7 +47,8 @@ static const char usage_text[] =
     "  --no-reply            never answer: every read times out\n"
     "  --stall=WHERE         stall 'in', 'out' or 'control' (may be repeated)\n"
     "  --overflow            answer with one byte more than the read asks for\n"
-    "  --no-accept           never take data: every write waits until its time-out\n"
+    "  --no-accept[=N]       take no data (after N bulk transfers): every write then\n"
+    "                        waits until its time-out\n"
     "  --busy                another program holds the printer interface: claims and\n"
     "                        transfers fail as the kernel makes them fail\n"
     "  --unplug-after=N      unplug the printer after N bulk transfers\n"
@@ -101,7 +102,7 @@ int main(int argc, char** argv)
         {"no-reply", no_argument, nullptr, O_NOREPLY},        {"stall", required_argument, nullptr, O_STALL},
         {"overflow", no_argument, nullptr, O_OVERFLOW},       {"busy", no_argument, nullptr, O_BUSY},
         {"unplug-after", required_argument, nullptr, O_UNPLUG}, {"record", required_argument, nullptr, O_RECORD},
-        {"product", required_argument, nullptr, O_PRODUCT},   {"no-accept", no_argument, nullptr, O_NOACCEPT},
+        {"product", required_argument, nullptr, O_PRODUCT},   {"no-accept", optional_argument, nullptr, O_NOACCEPT},
         {"hotplug", required_argument, nullptr, O_HOTPLUG},   {"record-serial", no_argument, nullptr, O_RECSERIAL},
         {"driver", required_argument, nullptr, O_DRIVER},
         {"quiet", no_argument, nullptr, 'q'},                 {"help", no_argument, nullptr, 'h'},
@@ -162,7 +163,9 @@ int main(int argc, char** argv)
         case O_UNPLUG: scene.faults.unplug_after = static_cast<long>(number(optarg, 10, 1000000, "--unplug-after")); break;
         case O_RECORD: scene.record_path = optarg; break;
         case O_PRODUCT: printer.product = optarg; break;
-        case O_NOACCEPT: scene.faults.no_accept = true; break;
+        case O_NOACCEPT:
+            scene.faults.no_accept_after = optarg ? static_cast<long>(number(optarg, 10, 1000000, "--no-accept")) : 0;
+            break;
         case O_HOTPLUG: hotplug = number(optarg, 10, 16, "--hotplug"); break;
         case O_RECSERIAL: scene.record_serial = true; break;
         case O_DRIVER: printer.driver = optarg; break;

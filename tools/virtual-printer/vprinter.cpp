@@ -158,6 +158,7 @@ struct Device {
     std::vector<std::string> interfaces;  // sysfs paths of the interfaces
     UMockdevIoctlBase* handler = nullptr;
     std::deque<Bytes> replies;
+    int claimed = 0;  // claims not released: what a program that ended mid-exchange leaves
     std::vector<UMockdevIoctlData*> pending_in;   // IN URBs waiting for a reply
     std::vector<UMockdevIoctlData*> pending_out;  // OUT URBs the printer does not take
     std::deque<UMockdevIoctlData*> ready;        // finished URBs, waiting to be reaped
@@ -304,7 +305,7 @@ struct Device {
                 finish(urb_data, 0, 0);
             else
                 pending_in.push_back(urb_data);
-        } else if (bed->faults.no_accept) {
+        } else if (bed->faults.no_accept_after >= 0 && bed->transfers > bed->faults.no_accept_after) {
             pending_out.push_back(urb_data);
         } else {
             const auto* buf = static_cast<const uint8_t*>(urb->buffer);
@@ -329,6 +330,7 @@ struct Device {
         if (gone)
             return;
         gone = true;
+        claimed = 0;  // the kernel forgets the claims of a device that is gone
         // The kernel ends what was pending with a bus error (libusb: an I/O
         // error), and refuses new transfers with ENODEV.
         for (auto* pending : {&pending_in, &pending_out}) {
@@ -443,12 +445,17 @@ struct Device {
         }
         case USBDEVFS_CLAIMINTERFACE:
         case USBDEVFS_DISCONNECT_CLAIM:
-            if (gone || bed->faults.busy)
+            if (gone || bed->faults.busy) {
                 umockdev_ioctl_client_complete(client, -1, gone ? ENODEV : EBUSY);
-            else
+            } else {
+                ++claimed;
                 umockdev_ioctl_client_complete(client, 0, 0);
+            }
             return TRUE;
         case USBDEVFS_RELEASEINTERFACE:
+            claimed -= claimed > 0 && !gone ? 1 : 0;
+            umockdev_ioctl_client_complete(client, gone ? -1 : 0, gone ? ENODEV : 0);
+            return TRUE;
         case USBDEVFS_IOCTL:
         case USBDEVFS_CLEAR_HALT:
         case USBDEVFS_RESET:
@@ -723,8 +730,12 @@ std::string Testbed::received() const
     for (const std::string& f : state_->frames)
         bytes += f.size() / 2;
     std::ostringstream s;
+    int claimed = 0;
+    for (const auto& d : state_->devices)
+        claimed += d->claimed;
     s << state_->frames.size() << " frame(s), " << bytes << " byte(s) received; " << state_->reads_answered
-      << " read(s) answered; " << state_->requests << " USB request(s) in all";
+      << " read(s) answered; " << state_->requests << " USB request(s) in all; " << claimed
+      << " interface(s) left claimed";
     return s.str();
 }
 

@@ -47,7 +47,8 @@ struct Faults {
     bool stall_out = false;
     bool stall_control = false;  // printer-class requests stall
     bool overflow = false;       // every reply is one byte longer than the read asks for
-    bool no_accept = false;      // the printer never takes data: writes wait until their time-out
+    long no_accept_after = -1;   // after this many bulk transfers the printer takes no data (out of
+                                 // paper, say): writes wait until their time-out; 0: from the start
     bool busy = false;           // another program holds the interface: claims and transfers fail
     long unplug_after = -1;      // the printer is unplugged after this many bulk transfers
 };
