@@ -233,7 +233,8 @@ TEST_F(Kernel, APrinterPulledOutMidExchange)
     }
     EXPECT_EQ(ex.claim, 0);
     EXPECT_EQ(ex.write, 0);
-    EXPECT_EQ(ex.read, LIBUSB_ERROR_IO) << "a bus error, not 'no device'";
+    // A bus error, or "no device" when the host saw the unplug before the reap: never a time-out.
+    EXPECT_TRUE(ex.read == LIBUSB_ERROR_IO || ex.read == LIBUSB_ERROR_NO_DEVICE) << ex.read;
     write_file(gadget + "/UDC", "dummy_udc.0");  // back in, for the next scene
 }
 
