@@ -66,7 +66,15 @@ int main(int argc, char** argv)
     gtk_box_pack_start(GTK_BOX(log), log_buttons, FALSE, TRUE, 0);
     gtk_notebook_append_page(GTK_NOTEBOOK(notebook), log, gtk_label_new("Log"));
     gtk_box_pack_start(GTK_BOX(content), notebook, TRUE, TRUE, 0);
-    gtk_box_pack_start(GTK_BOX(content), gtk_statusbar_new(), FALSE, TRUE, 0);
+    // The status line: an icon, a spinner and a wrapping, selectable label.
+    GtkWidget* status = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 6);
+    GtkWidget* sentence = gtk_label_new("");
+    gtk_label_set_line_wrap(GTK_LABEL(sentence), TRUE);
+    gtk_label_set_selectable(GTK_LABEL(sentence), TRUE);
+    gtk_box_pack_start(GTK_BOX(status), gtk_image_new(), FALSE, FALSE, 0);
+    gtk_box_pack_start(GTK_BOX(status), gtk_spinner_new(), FALSE, FALSE, 0);
+    gtk_box_pack_start(GTK_BOX(status), sentence, TRUE, TRUE, 0);
+    gtk_box_pack_start(GTK_BOX(content), status, FALSE, TRUE, 0);
     gtk_container_add(GTK_CONTAINER(window), content);
 
     g_signal_connect(window, "show", G_CALLBACK(on_show), NULL);

@@ -1,8 +1,9 @@
-"""USB requests that one click on Load costs: the virtual printer counts every
-request it is sent while the window starts, takes the password and loads the
-network page once; the start without a click is subtracted.
+"""USB requests that one click costs: the virtual printer counts every request
+it is sent while the window starts, takes the password and runs one Load or
+one Save of the network page; the start without a click is subtracted.
 
 Usage: dbus-run-session -- xvfb-run -a /usr/bin/python3 tools/bench/requests.py [PROGRAM]
+(PROGRAM: another build's pellavoy, to compare.)
 """
 import os
 import re
@@ -12,11 +13,14 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 import gui_driver as driver  # noqa: E402
 
 
-def requests(program, click):
+def requests(program, button):
     app = driver.Pellavoy(program=program, summary=True)
-    if click:
-        app.click("Load")
-        driver.wait_for(lambda: len(app.ui_lines()) == 2, 15, "the load to finish")
+    if button:
+        before = len(app.ui_lines())
+        app.click(button)
+        # The handler's first line, then the chooser sensitive again: the exchange has ended.
+        driver.wait_for(lambda: len(app.ui_lines()) > before, 15, "the click")
+        driver.wait_for(lambda: app.chooser().sensitive, 15, "the exchange to end")
     app.close_window()
     app.proc.wait(15)
     with open(app.stderr_path) as f:
@@ -28,8 +32,10 @@ def requests(program, click):
 driver.start_accessibility_bus()
 try:
     program = sys.argv[1] if len(sys.argv) > 1 else None
-    idle, clicked = requests(program, False), requests(program, True)
-    print("requests: one click on Load costs %d USB requests (%d with the click, %d without)"
-          % (clicked - idle, clicked, idle))
+    idle = requests(program, None)
+    for button in ("Load", "Save"):
+        clicked = requests(program, button)
+        print("requests: one click on %s costs %d USB requests (%d with the click, %d without)"
+              % (button, clicked - idle, clicked, idle))
 finally:
     driver.stop_accessibility_bus()
