@@ -43,6 +43,9 @@ int main(int argc, char* argv[])
     g_object_ref_sink(win);
     gtk_widget_show_all(GTK_WIDGET(win));
     gtk_main();
+    // A window closed mid-exchange: the printer is released before the program ends.
+    while (main_window_get_busy(win))
+        g_main_context_iteration(NULL, TRUE);
     g_object_unref(win);
     return 0;
 }

@@ -8,6 +8,8 @@ G_BEGIN_DECLS
 G_DECLARE_FINAL_TYPE(MainWindow, main_window, MAIN, WINDOW, GtkApplicationWindow)
 
 MainWindow* main_window_new(void);
+// TRUE while a click's exchange with the printer runs in the background.
+gboolean main_window_get_busy(MainWindow* self);
 
 // Button handlers, bound by name in the template.
 void main_window_on_netcfg_load(GtkButton* button, MainWindow* self);

@@ -102,3 +102,17 @@ PasswdDialog* passwd_dialog_new(void)
     passwd_dialog_set_is_ok(self, FALSE);
     return self;
 }
+
+gboolean passwd_dialog_ask(GtkWindow* parent)
+{
+    g_return_val_if_fail(GTK_IS_WINDOW(parent), FALSE);
+    PasswdDialog* dialog = passwd_dialog_new();
+    g_object_ref_sink(dialog);
+    gtk_window_set_transient_for(GTK_WINDOW(dialog), parent);
+    gtk_dialog_run(GTK_DIALOG(dialog));
+    gtk_widget_destroy(GTK_WIDGET(dialog));
+    gboolean is_ok = FALSE;
+    g_object_get(dialog, "is-ok", &is_ok, NULL);
+    g_object_unref(dialog);
+    return is_ok;
+}

@@ -111,10 +111,18 @@ static std::vector<Printer> scan(GUdevClient* client, const char* removed)
     return printers;
 }
 
-static const Printer* find_port(const std::vector<Printer>& printers, const std::string& port)
+const Printer* printer_at_port(const std::vector<Printer>& printers, const std::string& port)
 {
     for (const Printer& p : printers)
         if (p.port == port)
+            return &p;
+    return NULL;
+}
+
+const Printer* printer_at_address(const std::vector<Printer>& printers, guint bus, guint address)
+{
+    for (const Printer& p : printers)
+        if (p.bus == bus && p.address == address)
             return &p;
     return NULL;
 }
@@ -129,10 +137,10 @@ static void on_uevent(GUdevClient* client, const gchar* action, GUdevDevice* dev
     const std::vector<Printer> before = std::move(*self->printers);
     *self->printers = std::move(now);
     for (const Printer& p : before)
-        if (find_port(*self->printers, p.port) == NULL)
+        if (printer_at_port(*self->printers, p.port) == NULL)
             g_signal_emit(self, signals[SIGNAL_REMOVED], 0, &p);
     for (const Printer& p : *self->printers)
-        if (find_port(before, p.port) == NULL)
+        if (printer_at_port(before, p.port) == NULL)
             g_signal_emit(self, signals[SIGNAL_ADDED], 0, &p);
     g_signal_emit(self, signals[SIGNAL_CHANGED], 0);
 }
@@ -189,14 +197,5 @@ const std::vector<Printer>* printer_list_get_printers(PrinterList* self)
 const Printer* printer_list_find_port(PrinterList* self, const std::string& port)
 {
     g_return_val_if_fail(self != NULL, NULL);
-    return find_port(*self->printers, port);
-}
-
-const Printer* printer_list_find_address(PrinterList* self, guint bus, guint address)
-{
-    g_return_val_if_fail(self != NULL, NULL);
-    for (const Printer& p : *self->printers)
-        if (p.bus == bus && p.address == address)
-            return &p;
-    return NULL;
+    return printer_at_port(*self->printers, port);
 }

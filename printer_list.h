@@ -24,6 +24,10 @@ struct Printer {
 // How the window names a printer: its serial number, else VID:PID in upper-case hex.
 std::string printer_name(const std::string& serial, guint16 vid, guint16 pid);
 
+// The printer at that USB port, or at that place on the bus; NULL when none.
+const Printer* printer_at_port(const std::vector<Printer>& printers, const std::string& port);
+const Printer* printer_at_address(const std::vector<Printer>& printers, guint bus, guint address);
+
 G_BEGIN_DECLS
 
 #define PRINTER_TYPE_LIST (printer_list_get_type())
@@ -36,4 +40,3 @@ G_END_DECLS
 // In the order libusb lists them, so that the first is the "first printer found".
 const std::vector<Printer>* printer_list_get_printers(PrinterList* self);
 const Printer* printer_list_find_port(PrinterList* self, const std::string& port);
-const Printer* printer_list_find_address(PrinterList* self, guint bus, guint address);

@@ -3,6 +3,7 @@
 #include "COMMON/plog_ex.h"
 #include "main_win.h"
 #include "passwd_dlg.h"
+#include "status_line.h"
 #include "support.h"
 #include "vprinter.h"
 
@@ -63,11 +64,14 @@ GtkWidget* child_of(MainWindow* win, const char* name)
 
 std::string status_text(MainWindow* win)
 {
-    GtkWidget* area = gtk_statusbar_get_message_area(GTK_STATUSBAR(child_of(win, "ctl_status")));
-    GList* children = gtk_container_get_children(GTK_CONTAINER(area));
-    std::string text = children ? gtk_label_get_text(GTK_LABEL(children->data)) : "";
-    g_list_free(children);
-    return text;
+    return status_line_get_text(STATUS_LINE(child_of(win, "ctl_status")));
+}
+
+// Runs the main loop until the click's exchange has ended.
+void finish_exchange(MainWindow* win)
+{
+    while (main_window_get_busy(win))
+        gtk_main_iteration();
 }
 
 // The user interface's own lines ("[I]main_win:..."), without the manager's.
@@ -189,6 +193,7 @@ TEST_F(Ui, HiddenActionsSendTheirFramesAndReadNothing)
     const auto before = static_cast<uint32_t>(time(nullptr));
     main_window_on_log_trigger(nullptr, win);
     const auto after = static_cast<uint32_t>(time(nullptr));
+    finish_exchange(win);
     std::vector<std::string> frames = bed.frames();
     ASSERT_EQ(frames.size(), 1u);
     const std::string& f = frames[0];
@@ -208,6 +213,7 @@ TEST_F(Ui, HiddenActionsSendTheirFramesAndReadNothing)
 
     log.clear();
     main_window_on_log_reset(nullptr, win);
+    finish_exchange(win);
     frames = bed.frames();
     EXPECT_EQ(frames.back(), "1b1d1e10551b1d1f");
     EXPECT_EQ(ui_lines(log), std::vector<std::string>{"[I]main_win:95: reset log"});
@@ -224,7 +230,9 @@ TEST_F(Ui, HiddenActionsWithoutAPrinterSendNothing)
     Toplevel<MainWindow> win(main_window_new());
     log.clear();
     main_window_on_log_reset(nullptr, win);
+    finish_exchange(win);
     main_window_on_log_trigger(nullptr, win);
+    finish_exchange(win);
     const std::vector<std::string> lines = ui_lines(log);
     ASSERT_EQ(lines.size(), 3u);
     EXPECT_EQ(lines[0], "[I]main_win:95: reset log");
@@ -254,7 +262,7 @@ TEST_F(Ui, AddressConversionRefusesNullArguments)
 
 static void collect_labels(GtkWidget* widget, gpointer texts)
 {
-    if (GTK_IS_STATUSBAR(widget))  // what it says depends on the printers attached
+    if (STATUS_IS_LINE(widget))  // what it says depends on the printers attached
         return;
     // Buttons and column headers show their text through labels too.
     if (GTK_IS_LABEL(widget))
@@ -286,6 +294,66 @@ TEST_F(Ui, LabelsComeOutInGermanFromTheCatalogue)
     EXPECT_STREQ(g_dngettext("Pellavoy", "Read %2$u job from printer %1$s.", "Read %2$u jobs from printer %1$s.", 2),
                  "%2$u Aufträge von Drucker %1$s gelesen.");
 
+    unsetenv("LANGUAGE");
+    setlocale(LC_ALL, "C.UTF-8");
+}
+
+// At the window's default size every sentence shows whole: wrapped, never
+// cut short, the window no wider. The longest is a Save whose read-back
+// differs in every field, with every entry sent as 0.0.0.0.
+TEST_F(Ui, EverySentenceIsSeenWholeAtTheDefaultSize)
+{
+    bindtextdomain("Pellavoy", LOCALE_BUILD_DIR);
+    bind_textdomain_codeset("Pellavoy", "UTF-8");
+    vprinter::Scene scene;
+    scene.devices.emplace_back();
+    scene.faults.replies = {{0x01, 255, 255, 255, 255, 255, 255, 255, 254, 255, 255, 255, 0}};
+    vprinter::Testbed bed(scene);
+    for (const char* language : {"en", "de", "zh_CN"}) {
+        SCOPED_TRACE(language);
+        setenv("LANGUAGE", language, 1);
+        setlocale(LC_ALL, "C.UTF-8");
+        Toplevel<MainWindow> win(main_window_new());
+        g_idle_add(answer_dialog, const_cast<char*>("724918"));
+        gtk_widget_show_all(GTK_WIDGET(win.get()));
+        for (const char* entry : {"ctl_addr", "ctl_subnet", "ctl_gateway"})
+            gtk_entry_set_text(GTK_ENTRY(child_of(win, entry)), "printer.local");
+        main_window_on_netcfg_save(nullptr, win);
+        finish_exchange(win);
+        std::vector<std::string> texts = {status_text(win)};
+        if (std::string(language) == "en") {
+            EXPECT_EQ(texts[0], "Sent the network settings to printer VP0001. It reports other settings: "
+                                "IP address 255.255.255.255, subnet mask 255.255.255.0, gateway 255.255.255.254, "
+                                "DHCP on. The IP address was not an IPv4 address and was sent as 0.0.0.0. The subnet "
+                                "mask was not an IPv4 address and was sent as 0.0.0.0. The gateway was not an IPv4 "
+                                "address and was sent as 0.0.0.0.");
+        }
+        for (int o = 0; o <= static_cast<int>(Outcome::BadReply); ++o)
+            texts.push_back(status_sentence(static_cast<Outcome>(o), "K7Q0012-20261123",
+                                            "No such device (it may have been disconnected)", 511));
+
+        StatusLine* line = STATUS_LINE(child_of(win, "ctl_status"));
+        GList* children = gtk_container_get_children(GTK_CONTAINER(line));
+        GtkWidget* label = GTK_WIDGET(g_list_last(children)->data);
+        g_list_free(children);
+        for (const std::string& text : texts) {
+            SCOPED_TRACE(text);
+            status_line_show(line, Mark::Error, text);
+            gtk_container_check_resize(GTK_CONTAINER(win.get()));
+            while (gtk_events_pending())
+                gtk_main_iteration();
+            EXPECT_EQ(gtk_widget_get_allocated_width(GTK_WIDGET(win.get())), 400) << "no wider";
+            PangoLayout* layout = gtk_label_get_layout(GTK_LABEL(label));
+            EXPECT_FALSE(pango_layout_is_ellipsized(layout));
+            int width = 0, height = 0, x = 0, y = 0;
+            pango_layout_get_pixel_size(layout, &width, &height);
+            EXPECT_LE(width, gtk_widget_get_allocated_width(label));
+            EXPECT_LE(height, gtk_widget_get_allocated_height(label));
+            gtk_widget_translate_coordinates(label, GTK_WIDGET(win.get()), 0, 0, &x, &y);
+            EXPECT_LE(x + gtk_widget_get_allocated_width(label), 400);
+            EXPECT_LE(y + gtk_widget_get_allocated_height(label), gtk_widget_get_allocated_height(GTK_WIDGET(win.get())));
+        }
+    }
     unsetenv("LANGUAGE");
     setlocale(LC_ALL, "C.UTF-8");
 }

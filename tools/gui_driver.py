@@ -109,20 +109,35 @@ class Pellavoy:
         return self.app.findChild(lambda n: n.roleName == "push button" and n.name == name and n.showing)
 
     def click(self, name):
+        """Presses a button and returns at once: the exchange runs on."""
         press(self.button(name))
 
     def act(self, name):
-        """Clicks a button whose handler logs a line and returns the status
-        line after it. The handler runs from an idle callback and the
-        accessibility bus is answered only once it has returned, so its first
-        log line is the sign to wait for."""
+        """Presses a button whose handler logs a line, waits until the
+        exchange it starts has ended, and returns the status line. The
+        handler runs from an idle callback; its first log line says that it
+        has run, and so that the exchange is under way."""
         before = len(self.ui_lines())
         self.click(name)
         wait_for(lambda: len(self.ui_lines()) > before, 15, "the handler of " + name)
+        wait_for(lambda: not self.busy(), 15, "the exchange of " + name + " to end")
         return self.status()
 
+    def status_bar(self):
+        return self.app.child(roleName="status bar")
+
     def status(self):
-        return self.app.child(roleName="status bar").name
+        return self.status_bar().child(roleName="label").name
+
+    def status_mark(self):
+        """The accessible name of the icon shown in the status line ("Error",
+        "Warning"), or None without one."""
+        icons = [n for n in self.status_bar().children if n.roleName == "icon" and n.showing]
+        return icons[0].name if icons else None
+
+    def busy(self):
+        """An exchange runs: the status line's spinner shows."""
+        return any(n.roleName == "animation" and n.showing for n in self.status_bar().children)
 
     def chooser(self):
         return self.app.child(roleName="combo box")
@@ -156,16 +171,9 @@ class Pellavoy:
         self._entries_by_label()[label].text = text
 
     def _entries_by_label(self):
-        # A grid's accessible children come in reverse order: pair by screen row.
-        labels = [n for n in self.app.findChildren(lambda n: n.roleName == "label" and n.name.endswith(":"))]
-        entries = [n for n in self.app.findChildren(lambda n: n.roleName == "text" and n.showing)]
-        out = {}
-        for label in labels:
-            row = label.position[1] + label.size[1] // 2
-            for entry in entries:
-                if entry.position[1] <= row <= entry.position[1] + entry.size[1]:
-                    out[label.name] = entry
-        return out
+        """The showing entries by the text of the label linked to them."""
+        entries = self.app.findChildren(lambda n: n.roleName == "text" and n.showing and n.labeller is not None)
+        return {entry.labeller.name: entry for entry in entries}
 
     def dhcp(self):
         return self.app.child(name="DHCP", roleName="check box")

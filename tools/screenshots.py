@@ -1,7 +1,7 @@
 """Runs Pellavoy against the virtual printer on the current (virtual) display
 and saves pictures of it in the folder given: password.png (the password
 dialog), network.png and log.png (each page after Load), error.png (the
-status line after a click on a printer held by another program).
+status line after a Load from a printer that takes no data).
 
 Usage: dbus-run-session -- xvfb-run -a /usr/bin/python3 tools/screenshots.py DIR
 (tools/start --screenshots DIR does this for you.)
@@ -63,7 +63,7 @@ def main(folder):
         shoot(app.button("Load"), os.path.join(folder, "log.png"))
     finally:
         app.finish()
-    app = driver.Pellavoy("--busy")
+    app = driver.Pellavoy("--no-accept")
     try:
         app.act("Load")
         shoot(app.button("Load"), os.path.join(folder, "error.png"))

@@ -1,12 +1,16 @@
-"""One session of the real pellavoy binary inside the VM of tests/kernel/run,
-on the kernel's printer gadget: password, Load, Save, log Load, then the same
-window on a printer held by another program and on one pulled out
-mid-exchange. The frames are checked where the printer receives them.
+"""Sessions of the real pellavoy binary inside the VM of tests/kernel/run, on
+the kernel's printer gadget: password, Load, Save with its read-back, log
+Load, then the same window on a printer held by another program and on one
+pulled out mid-exchange; and a window closed mid-exchange with usblp bound,
+which must give the printer back to usblp. The frames are checked where the
+printer receives them.
 
 Run inside the VM: dbus-run-session -- xvfb-run -a /usr/bin/python3 gui_session.py
 (KERNEL_GADGET and PELLAVOY_BUILD set); the last line is "N passed, M failed".
 """
+import glob
 import os
+import signal
 import subprocess
 import sys
 import unittest
@@ -28,8 +32,19 @@ class Responder:
         self.proc.stderr.readline()  # "responder: ready"
 
     def stop(self):
+        self.proc.send_signal(signal.SIGCONT)
         self.proc.terminate()
         self.proc.wait()
+
+
+def interface_driver():
+    """The driver bound to the gadget's printer interface on the host side."""
+    for itf in glob.glob("/sys/bus/usb/devices/*:1.0"):
+        with open(os.path.join(os.path.dirname(os.path.realpath(itf)), "idVendor")) as f:
+            if f.read().strip() == "1a2b":
+                link = os.path.join(itf, "driver")
+                return os.path.basename(os.readlink(link)) if os.path.islink(link) else ""
+    return None
 
 
 def frames():
@@ -48,11 +63,12 @@ class KernelSession(unittest.TestCase):
         self.assertEqual(app.act("Load"), "Read the network settings from printer K7Q0012.")
         self.assertEqual(app.fields(), {ADDR: "192.168.7.20", MASK: "255.255.255.0", GW: "192.168.7.1"})
         app.set_field(ADDR, "192.168.7.21")
-        self.assertEqual(app.act("Save"), "Sent the network settings to printer K7Q0012.")
+        self.assertEqual(app.act("Save"), "Sent the network settings to printer K7Q0012."
+                         " It reports them back as sent.")
         app.page("Log")
         self.assertEqual(app.act("Load"), "Read 2 jobs from printer K7Q0012.")
         self.assertEqual(len(app.log_rows()), 2)
-        self.assertEqual(frames(), [READ_NETCFG, "1b5e49535700c0a80715c0a80701ffffff00", READ_LOG])
+        self.assertEqual(frames(), [READ_NETCFG, "1b5e49535700c0a80715c0a80701ffffff00", READ_NETCFG, READ_LOG])
 
         # Held by another program: the busy sentence, and nothing reaches the printer.
         holder = subprocess.Popen([os.path.join(driver.BUILD, "tools", "hold-printer"), "1a2b", "00c4"],
@@ -62,7 +78,7 @@ class KernelSession(unittest.TestCase):
         self.assertEqual(app.ui_lines()[-2:], ["[I]main_win:75: read 2048 bytes", "[I]main_win:78: 0 records"])
         holder.terminate()
         holder.wait()
-        self.assertEqual(len(frames()), 3)
+        self.assertEqual(len(frames()), 4)
 
         # Pulled out while the window waits for the reply.
         responder.stop()
@@ -71,6 +87,24 @@ class KernelSession(unittest.TestCase):
         self.assertEqual(app.act("Load"), "Printer K7Q0012 was disconnected.")
         with open(os.path.join(GADGET, "UDC"), "w") as udc:
             udc.write("dummy_udc.0\n")
+
+    def test_closing_mid_exchange_gives_the_printer_back_to_usblp(self):
+        subprocess.run(["modprobe", "usblp"], check=True)
+        self.addCleanup(subprocess.run, ["rmmod", "usblp"])
+        driver.wait_for(lambda: interface_driver() == "usblp", 20, "usblp to bind")
+        responder = Responder()
+        self.addCleanup(responder.stop)
+        responder.proc.send_signal(signal.SIGSTOP)  # the printer answers nothing now
+        app = driver.Pellavoy(emulate=False)
+        self.addCleanup(app.finish)
+        app.click("Load")
+        # usblp steps aside: the program holds the interface through usbfs.
+        driver.wait_for(lambda: interface_driver() == "usbfs", 10, "the exchange to claim the printer")
+        app.close_window()
+        self.assertEqual(app.wait(10), 0)
+        # Nothing but the program's release binds usblp again.
+        driver.wait_for(lambda: interface_driver() == "usblp", 5, "usblp to have the printer back")
+        self.assertEqual([l for l in app.stderr_lines() if l[:3] in ("[C]", "[W]", "[E]")], [])
 
 
 if __name__ == "__main__":
