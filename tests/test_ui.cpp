@@ -159,28 +159,6 @@ TEST_F(Ui, IsOkNotifiesOnlyOnChange)
     EXPECT_NE(log.messages()[0].find("assertion 'self != NULL' failed"), std::string::npos);
 }
 
-TEST_F(Ui, WindowAfterTheRightPassword)
-{
-    Toplevel<MainWindow> win(main_window_new());
-    g_idle_add(answer_dialog, const_cast<char*>("724918"));
-    gtk_widget_show_all(GTK_WIDGET(win.get()));
-
-    EXPECT_TRUE(gtk_widget_get_visible(GTK_WIDGET(win.get())));
-    EXPECT_FALSE(gtk_widget_get_visible(child_of(win, "ctl_trigger")));
-    EXPECT_FALSE(gtk_widget_get_visible(child_of(win, "ctl_reset")));
-    while (gtk_events_pending())
-        gtk_main_iteration();
-    EXPECT_FALSE(gtk_widget_get_visible(child_of(win, "ctl_trigger"))) << "they stay hidden";
-
-    GtkTreeView* view = GTK_TREE_VIEW(child_of(win, "ctl_log_view"));
-    ASSERT_EQ(gtk_tree_view_get_n_columns(view), 2);
-    EXPECT_STREQ(gtk_tree_view_column_get_title(gtk_tree_view_get_column(view, 0)), "Time");
-    EXPECT_STREQ(gtk_tree_view_column_get_title(gtk_tree_view_get_column(view, 1)), "Event");
-    EXPECT_EQ(gtk_tree_view_get_model(view), nullptr) << "no model before the first load";
-    EXPECT_TRUE(ui_lines(log).empty()) << "nothing is sent until a button is pressed";
-
-}
-
 TEST_F(Ui, HiddenActionsSendTheirFramesAndReadNothing)
 {
     vprinter::Scene scene;

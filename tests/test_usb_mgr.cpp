@@ -283,63 +283,21 @@ TEST_F(UsbMgr, WriteThenReadPutsExactBytesOnTheBus)
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(UsbMgr, TransferFailuresGiveMinusOneAndOneWarning)
-{
-    struct Case {
-        const char* name;
-        vprinter::Faults faults;
-        int write_result;
-        const char* warning;
-        bool buffer_kept;  // an overflow delivers what fits, as the kernel does
-    };
-    vprinter::Faults timeout, stall_in, stall_out, overflow, unplug;
-    timeout.no_reply = true;
-    stall_in.stall_in = true;
-    stall_out.stall_out = true;
-    overflow.overflow = true;
-    unplug.unplug_after = 1;
-    const std::vector<Case> cases = {
-        {"time-out", timeout, 5, "W:Operation timed out", true},
-        {"stall on IN", stall_in, 5, "W:Pipe error", true},
-        {"overflow", overflow, 5, "W:Overflow", false},
-        {"unplugged after the write", unplug, 5, "W:No such device (it may have been disconnected)", true},
-        {"stall on OUT", stall_out, -1, "W:Pipe error", true},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        Scene s = scene_of({printer()});
-        s.faults = c.faults;
-        Opened o(s);
-        const void* h = o.handle;
-        log.clear();
-
-        EXPECT_EQ(UsbManager::write(h, read_netcfg, 5, 0), c.write_result);
-        std::vector<char> buf(64, '\x55');
-        if (c.write_result < 0) {
-            EXPECT_EQ(log.messages(), std::vector<std::string>{c.warning});
-            continue;
-        }
-        EXPECT_EQ(UsbManager::read(h, buf, 200), -1);
-        EXPECT_EQ(log.messages(), (std::vector<std::string>{"D:wrote 5 bytes", c.warning}));
-        if (c.buffer_kept) {
-            EXPECT_EQ(buf, std::vector<char>(64, '\x55'));
-        }
-    }
-}
-
 TEST_F(UsbMgr, PrinterClassRequests)
 {
     struct Case {
         const char* name;
         std::string device_id;  // as the printer sends it after the length bytes
-        std::string expected;
+        std::string expected;   // "old": the outputs are left as they were
+        bool stall;
     };
     const std::string full(1022, 'A');
     const std::vector<Case> cases = {
-        {"usual ID", "MFG:Acme;MDL:P1;CMD:ESC;", "MFG:Acme;MDL:P1;CMD:ESC;"},
-        {"cut at a zero byte", std::string("MFG:A\0MDL:B;", 12), "MFG:A"},
-        {"empty", "", ""},
-        {"fills the buffer", full + "overflow", full},
+        {"usual ID", "MFG:Acme;MDL:P1;CMD:ESC;", "MFG:Acme;MDL:P1;CMD:ESC;", false},
+        {"cut at a zero byte", std::string("MFG:A\0MDL:B;", 12), "MFG:A", false},
+        {"empty", "", "", false},
+        {"fills the buffer", full + "overflow", full, false},
+        {"stalled", "MFG:Acme;", "old", true},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -348,36 +306,25 @@ TEST_F(UsbMgr, PrinterClassRequests)
         Scene s = scene_of({p});
         s.firmware.device_id = c.device_id;
         s.firmware.port_status = 0x08;
+        s.faults.stall_control = c.stall;
         Opened o(s);
         const void* h = o.handle;
+        log.clear();
         std::string id = "old";
-        EXPECT_TRUE(UsbManager::get_1284_id(h, id, 1000));
+        EXPECT_EQ(UsbManager::get_1284_id(h, id, 1000), !c.stall);
         EXPECT_EQ(id, c.expected);
-        uint8_t status = 0xFF;
-        EXPECT_TRUE(UsbManager::get_lpt_status(h, status, 1000));
-        EXPECT_EQ(status, 0x08);
+        uint8_t status = 0x42;
+        EXPECT_EQ(UsbManager::get_lpt_status(h, status, 1000), !c.stall);
+        EXPECT_EQ(status, c.stall ? 0x42 : 0x08);
         for (const vprinter::ControlRequest& r : o.bed.control_requests()) {
             EXPECT_EQ(r.request_type, 0xA1);
             EXPECT_EQ(r.index, 0) << "the requests always address interface 0";
         }
+        if (c.stall) {
+            EXPECT_EQ(log.messages(), (std::vector<std::string>{"W:Pipe error", "W:Pipe error"}));
+            EXPECT_EQ(log.lines()[0].func, "UsbManager::get_1284_id");
+        }
     }
-}
-
-TEST_F(UsbMgr, StalledPrinterClassRequestsLeaveTheOutputs)
-{
-    Scene s = scene_of({printer()});
-    s.faults.stall_control = true;
-    Opened o(s);
-    const void* h = o.handle;
-    log.clear();
-    std::string id = "old";
-    uint8_t status = 0x42;
-    EXPECT_FALSE(UsbManager::get_1284_id(h, id, 1000));
-    EXPECT_FALSE(UsbManager::get_lpt_status(h, status, 1000));
-    EXPECT_EQ(id, "old");
-    EXPECT_EQ(status, 0x42);
-    EXPECT_EQ(log.messages(), (std::vector<std::string>{"W:Pipe error", "W:Pipe error"}));
-    EXPECT_EQ(log.lines()[0].func, "UsbManager::get_1284_id");
 }
 
 TEST_F(UsbMgr, FlatInterface)
@@ -423,33 +370,6 @@ TEST_F(UsbMgr, FlatInterface)
     EXPECT_EQ(buf, std::vector<uint8_t>(64, 0xEE));
     usb_handle_free(h);
     usb_mgr_free(mgr);
-}
-
-// What the window needs to name a printer that enumeration could not open.
-TEST_F(UsbMgr, FlatInterfaceReportsWhyThingsFailed)
-{
-    DeviceSpec unopenable = printer("VP0009");
-    unopenable.unopenable = true;
-    const int open_code = geteuid() == 0 ? LIBUSB_ERROR_NO_DEVICE : LIBUSB_ERROR_ACCESS;
-    {
-        Testbed bed(scene_of({unopenable, printer("VP0002")}));
-        void* mgr = usb_mgr_new();
-        usb_mgr_enumerate(mgr);
-        usb_dev_summary dev = {};
-        EXPECT_EQ(usb_mgr_get_open_failure(mgr, 0, &dev), open_code);
-        EXPECT_EQ(dev.vid, 0x1A2B);
-        EXPECT_STREQ(dev.serial, "") << "an unopened device's serial cannot be read";
-        const uint8_t failed_address = dev.address;
-        EXPECT_EQ(usb_mgr_get_open_failure(mgr, 1, &dev), 0);
-        ASSERT_EQ(usb_mgr_get_record(mgr, 0, &dev), 0);
-        EXPECT_STREQ(dev.serial, "VP0002");
-        EXPECT_EQ(dev.bus, 1);
-        EXPECT_NE(dev.address, failed_address);
-        EXPECT_EQ(usb_mgr_get_record(mgr, 1, &dev), -1);
-        usb_mgr_free(mgr);
-    }
-    // The claim and transfer codes of each fault are checked through the
-    // window's sentences (black-box suite) and on the kernel (kernel suite).
 }
 
 TEST(UsbText, RecordAndWideForms)

@@ -167,6 +167,9 @@ class LogPage(Case):
             ("00000000", [], "The job log of printer VP0001 is empty."),
             ("020000", [], "Printer VP0001 sent an unexpected reply (3 bytes)."),
             ("", [], "Printer VP0001 sent an unexpected reply (0 bytes)."),
+            # A count far beyond the reply: every slot of the 2048-byte buffer, no more.
+            ("ffffffff01000000", [("1970-01-01 00:00:01", "start job")] + [EPOCH] * 510,
+             "Read 511 jobs from printer VP0001."),
         ]
         app = self.run_app(*[arg for reply, _, _ in cases for arg in ("--reply", reply)])
         app.page("Log")
@@ -175,19 +178,13 @@ class LogPage(Case):
                 self.assertEqual(app.act("Load"), sentence)
                 self.assertEqual(app.log_rows(), rows)
         self.assertIn("[I]main_win:84: 4294967295 => 2106-02-07 06:28:15", app.ui_lines())
-        self.assertEqual(app.ui_lines()[-4:], ["[I]main_win:65: loading log", "[I]main_win:75: read 3 bytes",
-                                               "[I]main_win:65: loading log", "[I]main_win:75: read 0 bytes"])
-        self.assertEqual(app.frames(), [READ_LOG] * len(cases))
-
-    def test_a_count_far_beyond_the_reply_stays_inside_the_buffer(self):
-        app = self.run_app("--reply", "ffffffff01000000")
-        app.page("Log")
-        self.assertEqual(app.act("Load"), "Read 511 jobs from printer VP0001.")
-        rows = app.log_rows()
-        self.assertEqual(len(rows), 511, "every slot of the 2048-byte buffer, no more")
-        self.assertEqual(rows[0], ("1970-01-01 00:00:01", "start job"))
-        self.assertEqual(set(rows[1:]), {EPOCH})
         self.assertIn("[I]main_win:78: 4294967295 records", app.ui_lines())
+        lines = app.ui_lines()
+        short = lines.index("[I]main_win:75: read 3 bytes")
+        self.assertEqual(lines[short:short + 4], ["[I]main_win:75: read 3 bytes", "[I]main_win:65: loading log",
+                                                  "[I]main_win:75: read 0 bytes", "[I]main_win:65: loading log"],
+                         "a short reply gives no records line")
+        self.assertEqual(app.frames(), [READ_LOG] * len(cases))
 
     def test_load_replaces_the_rows_and_no_printer_empties_them(self):
         # Two loads of two transfers each, then the printer is gone.
@@ -219,26 +216,33 @@ class Outcomes(Case):
 
     def test_failures(self):
         root = os.geteuid() == 0
-        # options, button, sentence, mark, frames that reach the printer
+        gone = "No such device (it may have been disconnected)"
+        # options, button, sentence, mark, frames that reach the printer, the manager's warning
         cases = [
-            (("--no-device",), "Save", NO_PRINTER, "Error", []),
             (("--unopenable",), "Load",
-             "Printer VP0001 cannot be opened: No such device (it may have been disconnected)." if root else
+             "Printer VP0001 cannot be opened: %s." % gone if root else
              "Printer VP0001 cannot be opened: permission denied. Install the udev rule (see the README) or run as root.",
-             "Error", []),
-            (("--busy",), "Load", "Printer VP0001 is in use by another program.", "Error", []),
-            (("--busy",), "Save", "Printer VP0001 is in use by another program.", "Error", []),
-            (("--no-reply",), "Load", "Printer VP0001 did not answer within 1 second.", "Error", [READ_NETCFG]),
-            (("--no-reply",), "Save", SENT + " It did not report them back.", "Warning", [SAVE_FRAME, READ_NETCFG]),
-            (("--no-accept",), "Load", "Printer VP0001 did not accept the command within 2 seconds.", "Error", []),
-            (("--no-accept",), "Save", "Printer VP0001 did not accept the command within 2 seconds.", "Error", []),
-            (("--stall", "out"), "Load", "The exchange with printer VP0001 failed: Pipe error.", "Error", [READ_NETCFG]),
-            (("--overflow",), "Load", "The exchange with printer VP0001 failed: Overflow.", "Error", [READ_NETCFG]),
-            (("--unplug-after", "1"), "Load", "Printer VP0001 was disconnected.", "Error", [READ_NETCFG]),
+             "Error", [], "failed to open device: " + (gone if root else "Access denied (insufficient permissions)")),
+            (("--busy",), "Load", "Printer VP0001 is in use by another program.", "Error", [], "Resource busy"),
+            (("--busy",), "Save", "Printer VP0001 is in use by another program.", "Error", [], "Input/Output Error"),
+            (("--no-reply",), "Load", "Printer VP0001 did not answer within 1 second.", "Error", [READ_NETCFG],
+             "Operation timed out"),
+            (("--no-reply",), "Save", SENT + " It did not report them back.", "Warning", [SAVE_FRAME, READ_NETCFG],
+             "Operation timed out"),
+            (("--no-accept",), "Load", "Printer VP0001 did not accept the command within 2 seconds.", "Error", [],
+             "Operation timed out"),
+            (("--no-accept",), "Save", "Printer VP0001 did not accept the command within 2 seconds.", "Error", [],
+             "Operation timed out"),
+            (("--stall", "out"), "Load", "The exchange with printer VP0001 failed: Pipe error.", "Error", [READ_NETCFG],
+             "Pipe error"),
+            (("--overflow",), "Load", "The exchange with printer VP0001 failed: Overflow.", "Error", [READ_NETCFG],
+             "Overflow"),
+            (("--unplug-after", "1"), "Load", "Printer VP0001 was disconnected.", "Error", [READ_NETCFG], gone),
             # Pulled out while the window waits for the reply: the kernel's bus error.
-            (("--unplug-after", "2", "--no-reply"), "Load", "Printer VP0001 was disconnected.", "Error", [READ_NETCFG]),
+            (("--unplug-after", "2", "--no-reply"), "Load", "Printer VP0001 was disconnected.", "Error", [READ_NETCFG],
+             "Input/Output Error"),
         ]
-        for options, button, sentence, mark, frames in cases:
+        for options, button, sentence, mark, frames, warning in cases:
             with self.subTest(options=options, button=button):
                 app = self.run_app(*options)
                 for label, text in ((ADDR, "192.168.1.100"), (MASK, "255.255.255.0"), (GW, "192.168.1.1")):
@@ -246,11 +250,11 @@ class Outcomes(Case):
                 self.assertEqual(app.act(button), sentence)
                 self.assertEqual(app.status_mark(), mark)
                 self.assertEqual(app.frames(), frames)
+                self.assertIn(warning, app.stderr_lines())
                 # The log lines are those of a window without a status line.
                 expected = (["[I]main_win:48: saving net config"] if button == "Save" else
                             ["[I]main_win:22: loading net config"] +
-                            ([] if options in (("--no-device",), ("--unopenable",)) else
-                             ["[I]main_win:31: read 64 bytes"]))
+                            ([] if options == ("--unopenable",) else ["[I]main_win:31: read 64 bytes"]))
                 self.assertEqual(app.ui_lines(), expected)
                 app.finish()
 
@@ -259,7 +263,8 @@ class Outcomes(Case):
         self.assertEqual((app.status(), app.chooser_items()), (NO_PRINTER, ["First printer found"]))
         self.assertIsNone(app.status_mark(), "at the start it is news, not a failure")
         app.set_field(ADDR, "1.1.1.1")
-        app.act("Save")
+        self.assertEqual(app.act("Save"), NO_PRINTER)
+        self.assertEqual(app.status_mark(), "Error")
         app.act("Load")
         app.page("Log")
         app.act("Load")

@@ -88,15 +88,18 @@ class KernelSession(unittest.TestCase):
         with open(os.path.join(GADGET, "UDC"), "w") as udc:
             udc.write("dummy_udc.0\n")
 
-    def test_closing_mid_exchange_gives_the_printer_back_to_usblp(self):
+    def test_usblp_steps_aside_and_comes_back_also_after_a_close_mid_exchange(self):
         subprocess.run(["modprobe", "usblp"], check=True)
         self.addCleanup(subprocess.run, ["rmmod", "usblp"])
         driver.wait_for(lambda: interface_driver() == "usblp", 20, "usblp to bind")
         responder = Responder()
         self.addCleanup(responder.stop)
-        responder.proc.send_signal(signal.SIGSTOP)  # the printer answers nothing now
         app = driver.Pellavoy(emulate=False)
         self.addCleanup(app.finish)
+        self.assertEqual(app.act("Load"), "Read the network settings from printer K7Q0012.")
+        driver.wait_for(lambda: interface_driver() == "usblp", 5, "usblp to have the printer back")
+
+        responder.proc.send_signal(signal.SIGSTOP)  # the printer answers nothing now
         app.click("Load")
         # usblp steps aside: the program holds the interface through usbfs.
         driver.wait_for(lambda: interface_driver() == "usbfs", 10, "the exchange to claim the printer")
@@ -105,6 +108,17 @@ class KernelSession(unittest.TestCase):
         # Nothing but the program's release binds usblp again.
         driver.wait_for(lambda: interface_driver() == "usblp", 5, "usblp to have the printer back")
         self.assertEqual([l for l in app.stderr_lines() if l[:3] in ("[C]", "[W]", "[E]")], [])
+
+        # And usblp works: what is printed through it reaches the printer.
+        responder.proc.send_signal(signal.SIGCONT)
+        driver.wait_for(lambda: os.access("/dev/usb/lp0", os.W_OK), 10, "/dev/usb/lp0")
+        with open("/dev/usb/lp0", "wb") as lp:
+            lp.write(b"PING")
+        # The responder, stopped meanwhile, may read the waiting frame and these in one go.
+        try:
+            driver.wait_for(lambda: "".join(frames()).endswith("50494e47"), 10, "the printed bytes at the printer")
+        except AssertionError:
+            self.fail("frames %s, driver %s, responder %s" % (frames(), interface_driver(), responder.proc.poll()))
 
 
 if __name__ == "__main__":

@@ -10,6 +10,7 @@ Usage: responder.py RECORD GADGET_DIR [--unplug-on-read]
 import os
 import struct
 import sys
+import time
 
 NETCFG = bytes([0x00, 192, 168, 7, 20, 192, 168, 7, 1, 255, 255, 255, 0])
 JOBS = [1795420800, 1795424400]
@@ -23,7 +24,14 @@ def main(record, gadget, unplug_on_read):
     with open(record, "a", buffering=1) as rec:
         print("responder: ready", file=sys.stderr, flush=True)
         while True:
-            frame = os.read(fd, 4096)
+            try:
+                frame = os.read(fd, 4096)
+            except OSError as e:
+                # The host set the interface anew (usblp binding, say): the
+                # firmware waits for it rather than dying.
+                print("responder: %s; reading again" % e, file=sys.stderr, flush=True)
+                time.sleep(0.05)
+                continue
             if not frame:
                 continue
             rec.write(frame.hex() + "\n")
