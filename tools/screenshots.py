@@ -8,6 +8,7 @@ Usage: dbus-run-session -- xvfb-run -a /usr/bin/python3 tools/screenshots.py DIR
 """
 import os
 import sys
+import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import gui_driver as driver  # noqa: E402
@@ -40,7 +41,9 @@ def window_of(node):
 
 
 def shoot(node, path):
-    """Saves the screen area of the window that holds node."""
+    """Saves the screen area of the window that holds node, once the theme's
+    transitions (buttons fading back in after an exchange) have run."""
+    time.sleep(0.5)
     grab(window_of(node)).savev(path, "png", [], [])
     print("saved", path)
 

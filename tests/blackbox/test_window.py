@@ -315,6 +315,17 @@ class Background(Case):
         self.assertEqual(app.frames(), [READ_NETCFG])
         self.assertEqual(app.ui_lines(), ["[I]main_win:22: loading net config", "[I]main_win:31: read 64 bytes"])
 
+    def test_udev_news_during_an_exchange_gives_way_to_the_outcome(self):
+        app = self.run_app("--printers", "2", "--hotplug", "2", "--no-reply")
+        app.click("Load")
+        wait_for(app.busy, 5, "the exchange")
+        app.signal(signal.SIGUSR1)
+        wait_for(lambda: app.status() == "Printer VP0002 was disconnected.", 5, "the unplug")
+        self.assertTrue(app.busy(), "the exchange with VP0001 goes on")
+        wait_for(lambda: not app.busy(), 5, "the read time-out")
+        self.assertEqual(app.status(), "Printer VP0001 did not answer within 1 second.")
+        self.assertEqual(app.chooser_items(), ["First printer found", "Virtual Printer (VP0001)"])
+
     def test_closing_mid_exchange_releases_the_printer(self):
         app = self.run_app("--no-accept", summary=True)
         app.click("Save")
