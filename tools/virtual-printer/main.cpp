@@ -3,6 +3,7 @@
 #include "vprinter.h"
 
 #include <getopt.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -211,25 +212,27 @@ int main(int argc, char** argv)
         }
     }
 
+    // Signals that would end us are passed on to the command, and we wait
+    // for it; SIGUSR1 and SIGUSR2 unplug and plug the chosen printer. They are
+    // blocked before the emulation starts its threads, which inherit the mask:
+    // a signal that one of them took would end us.
+    sigset_t forwarded;
+    sigemptyset(&forwarded);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2})
+        sigaddset(&forwarded, sig);
+    pthread_sigmask(SIG_BLOCK, &forwarded, nullptr);
+
     try {
         Testbed bed(scene);
         if (!quiet)
             std::cerr << "virtual-printer: emulating " << bed.describe() << std::endl;
-
-        // Signals that would end us are passed on to the command, and we wait
-        // for it; SIGUSR1 and SIGUSR2 unplug and plug the chosen printer.
-        sigset_t forwarded;
-        sigemptyset(&forwarded);
-        for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2})
-            sigaddset(&forwarded, sig);
-        sigprocmask(SIG_BLOCK, &forwarded, nullptr);
         const size_t hotplugged = printers > 0 ? scene.devices.size() - printers + (hotplug - 1) : 0;
 
         const pid_t child = fork();
         if (child < 0)
             fail(std::string("fork: ") + strerror(errno));
         if (child == 0) {
-            sigprocmask(SIG_UNBLOCK, &forwarded, nullptr);
+            pthread_sigmask(SIG_UNBLOCK, &forwarded, nullptr);
             execvp(argv[optind], argv + optind);
             std::cerr << "virtual-printer: cannot run " << argv[optind] << ": " << strerror(errno) << std::endl;
             _exit(127);
