@@ -51,18 +51,16 @@ class CommandLine(unittest.TestCase):
 
 class PasswordGate(Case):
     def test_wrong_password_warns_and_ends_with_status_0(self):
-        for typed in ("724918 ", "000000", ""):
-            with self.subTest(typed=typed):
-                app = self.run_app("--no-device", password=None)
-                app.enter_password(typed)
-                alert = app.app.child(roleName="alert")
-                self.assertIn("Invalid password!", [n.name for n in alert.findChildren(lambda n: n.roleName == "label")])
-                press(alert.child(name="OK", roleName="push button"))
-                self.assertEqual(app.wait(), 0)
-                self.assertEqual(app.stdout, b"")
-                for line in app.stderr_lines():
-                    self.assertRegex(line, r"^\[[EWCMIDX]\]", "only log lines on standard error")
-                self.assertEqual(app.frames(), [])
+        app = self.run_app("--no-device", password=None)
+        app.enter_password("724918 ")  # which texts pass is the in-process suite's
+        alert = app.app.child(roleName="alert")
+        self.assertIn("Invalid password!", [n.name for n in alert.findChildren(lambda n: n.roleName == "label")])
+        press(alert.child(name="OK", roleName="push button"))
+        self.assertEqual(app.wait(), 0)
+        self.assertEqual(app.stdout, b"")
+        for line in app.stderr_lines():
+            self.assertRegex(line, r"^\[[EWCMIDX]\]", "only log lines on standard error")
+        self.assertEqual(app.frames(), [])
 
     def test_nothing_answers_before_the_password(self):
         app = self.run_app(password=None)
