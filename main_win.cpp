@@ -49,6 +49,12 @@ static const gsize netcfg_reply_capacity = 64;
 static const gint32 netcfg_reply_length = 13;
 static const gsize log_reply_capacity = 2048;
 
+template <gsize N>
+static std::vector<guint8> frame_of(const guint8 (&bytes)[N])
+{
+    return std::vector<guint8>(bytes, bytes + N);
+}
+
 // What a click keeps for the end of its exchange.
 struct Click {
     using Done = void (*)(MainWindow* self, const Click& click, const ExchangeResult& ex);
@@ -156,8 +162,7 @@ void main_window_on_netcfg_load(GtkButton* button, MainWindow* self)
     g_return_if_fail(self != NULL);
     g_return_if_fail(!self->busy);
     g_info("main_win:22: loading net config");
-    const std::vector<guint8> frame(netcfg_read_frame, netcfg_read_frame + sizeof netcfg_read_frame);
-    start_exchange(self, N_("Reading the network settings…"), {{frame, netcfg_reply_capacity}},
+    start_exchange(self, N_("Reading the network settings…"), {{frame_of(netcfg_read_frame), netcfg_reply_capacity}},
                    new Click{netcfg_loaded});
 }
 
@@ -241,7 +246,7 @@ void main_window_on_netcfg_save(GtkButton* button, MainWindow* self)
     g_return_if_fail(!self->busy);
     g_info("main_win:48: saving net config");
 
-    std::vector<guint8> frame(netcfg_write_header, netcfg_write_header + sizeof netcfg_write_header);
+    std::vector<guint8> frame = frame_of(netcfg_write_header);
     frame.push_back(gtk_toggle_button_get_active(GTK_TOGGLE_BUTTON(self->ctl_dhcp)) ? 1 : 0);
     for (GtkEntry* entry : {self->ctl_addr, self->ctl_gateway, self->ctl_subnet})
         append_address(frame, self, entry);
@@ -250,8 +255,8 @@ void main_window_on_netcfg_save(GtkButton* button, MainWindow* self)
     Click* click = new Click{netcfg_saved};
     click->record.assign(frame.begin() + netcfg_record_offset, frame.end());
     click->notes = zeroed_fields(self);
-    const std::vector<guint8> read_back(netcfg_read_frame, netcfg_read_frame + sizeof netcfg_read_frame);
-    start_exchange(self, N_("Sending the network settings…"), {{frame, 0}, {read_back, netcfg_reply_capacity}}, click);
+    start_exchange(self, N_("Sending the network settings…"),
+                   {{frame, 0}, {frame_of(netcfg_read_frame), netcfg_reply_capacity}}, click);
 }
 
 static void log_loaded(MainWindow* self, const Click& click, const ExchangeResult& ex)
@@ -291,8 +296,8 @@ void main_window_on_log_load(GtkButton* button, MainWindow* self)
     g_return_if_fail(self != NULL);
     g_return_if_fail(!self->busy);
     g_info("main_win:65: loading log");
-    const std::vector<guint8> frame(log_read_frame, log_read_frame + sizeof log_read_frame);
-    start_exchange(self, N_("Reading the job log…"), {{frame, log_reply_capacity}}, new Click{log_loaded});
+    start_exchange(self, N_("Reading the job log…"), {{frame_of(log_read_frame), log_reply_capacity}},
+                   new Click{log_loaded});
 }
 
 void main_window_on_log_trigger(GtkButton* button, MainWindow* self)
@@ -302,7 +307,7 @@ void main_window_on_log_trigger(GtkButton* button, MainWindow* self)
     g_return_if_fail(!self->busy);
     g_info("main_win:107: trigger timestamp");
 
-    std::vector<guint8> frame(log_trigger_frame, log_trigger_frame + sizeof log_trigger_frame);
+    std::vector<guint8> frame = frame_of(log_trigger_frame);
     // Taken before the device search, so the frame carries the moment of the click.
     const guint32 now = static_cast<guint32>(g_get_real_time() / G_USEC_PER_SEC);
     g_info("main_win:111: timestamp: %u", now);
@@ -317,8 +322,8 @@ void main_window_on_log_reset(GtkButton* button, MainWindow* self)
     g_return_if_fail(self != NULL);
     g_return_if_fail(!self->busy);
     g_info("main_win:95: reset log");
-    const std::vector<guint8> frame(log_reset_frame, log_reset_frame + sizeof log_reset_frame);
-    start_exchange(self, N_("Clearing the job log…"), {{frame, 0}}, new Click{written, Outcome::LogCleared});
+    start_exchange(self, N_("Clearing the job log…"), {{frame_of(log_reset_frame), 0}},
+                   new Click{written, Outcome::LogCleared});
 }
 
 gboolean main_window_get_busy(MainWindow* self)
