@@ -27,9 +27,10 @@ struct _MainWindow {
     PrinterChooser* ctl_printer;
     GtkNotebook* notebook;
     StatusLine* ctl_status;
-    GtkWidget* ctl_content;
     GCancellable* closing;  // cancelled when the window goes: a late result is dropped
+    gboolean unlocked;      // the password was accepted
     gboolean busy;          // an exchange runs
+    GtkWidget* focus;       // the keyboard focus when the exchange started (weak)
 };
 
 G_DEFINE_TYPE(MainWindow, main_window, GTK_TYPE_APPLICATION_WINDOW)
@@ -65,13 +66,21 @@ struct Click {
     std::string notes;                    // Save: the entries that went out as 0.0.0.0
 };
 
-// While an exchange runs, no second one can start; the entries stay editable.
-static void set_actions_sensitive(MainWindow* self, gboolean sensitive)
+// Nothing acts or edits until the password is accepted; while an exchange
+// runs, no second one can start and the entries stay editable. Each control is
+// made insensitive itself, never through a container: GTK 3 tells the
+// accessibility bus only of the widget whose own state changed, and a screen
+// reader would go on calling the controls inside a container grayed.
+static void update_sensitivity(MainWindow* self)
 {
+    const gboolean actions = self->unlocked && !self->busy;
     for (GtkWidget* w : {GTK_WIDGET(self->ctl_netcfg_load), GTK_WIDGET(self->ctl_netcfg_save),
                          GTK_WIDGET(self->ctl_log_load), GTK_WIDGET(self->ctl_trigger), GTK_WIDGET(self->ctl_reset),
                          GTK_WIDGET(self->ctl_printer)})
-        gtk_widget_set_sensitive(w, sensitive);
+        gtk_widget_set_sensitive(w, actions);
+    for (GtkWidget* w : {GTK_WIDGET(self->ctl_addr), GTK_WIDGET(self->ctl_subnet), GTK_WIDGET(self->ctl_gateway),
+                         GTK_WIDGET(self->ctl_dhcp)})
+        gtk_widget_set_sensitive(w, self->unlocked);
 }
 
 static void on_exchange_done(GObject* source, GAsyncResult* result, gpointer data)
@@ -82,7 +91,12 @@ static void on_exchange_done(GObject* source, GAsyncResult* result, gpointer dat
     self->busy = FALSE;
     if (ex == nullptr)
         return;  // the window was closed meanwhile: there is nothing left to show the result
-    set_actions_sensitive(self, TRUE);
+    update_sensitivity(self);
+    // The control that started the exchange lost the keyboard focus when it
+    // became insensitive: it gets it back unless the focus has moved on since.
+    if (self->focus != NULL && gtk_window_get_focus(GTK_WINDOW(self)) == NULL)
+        gtk_widget_grab_focus(self->focus);
+    g_clear_weak_pointer(&self->focus);
     status_line_set_busy(self->ctl_status, FALSE);
     click->done(self, *click, *ex);
 }
@@ -95,7 +109,8 @@ static void start_exchange(MainWindow* self, const char* progress, std::vector<T
     printer_chooser_fill_request(self->ctl_printer, request);
     request.transfers = std::move(transfers);
     self->busy = TRUE;
-    set_actions_sensitive(self, FALSE);
+    g_set_weak_pointer(&self->focus, gtk_window_get_focus(GTK_WINDOW(self)));
+    update_sensitivity(self);
     status_line_set_busy(self->ctl_status, TRUE);
     status_line_show(self->ctl_status, Mark::None, _(progress));
     exchange_run_async(std::move(request), G_OBJECT(self), self->closing, on_exchange_done, click);
@@ -364,9 +379,6 @@ static void main_window_on_show(GtkWidget* widget, MainWindow* self)
 
     gtk_widget_hide(GTK_WIDGET(self->ctl_trigger));
     gtk_widget_hide(GTK_WIDGET(self->ctl_reset));
-    // Nothing in the window answers, not even through the accessibility bus,
-    // until the password is accepted.
-    gtk_widget_set_sensitive(self->ctl_content, FALSE);
 
     if (!passwd_dialog_ask(GTK_WINDOW(self))) {
         GtkWidget* message = gtk_message_dialog_new(GTK_WINDOW(self), GTK_DIALOG_MODAL, GTK_MESSAGE_WARNING,
@@ -375,7 +387,8 @@ static void main_window_on_show(GtkWidget* widget, MainWindow* self)
         gtk_widget_destroy(message);
         gtk_window_close(GTK_WINDOW(self));
     } else {
-        gtk_widget_set_sensitive(self->ctl_content, TRUE);
+        self->unlocked = TRUE;
+        update_sensitivity(self);
     }
 }
 
@@ -386,6 +399,7 @@ static void main_window_dispose(GObject* object)
     if (self->closing != NULL)
         g_cancellable_cancel(self->closing);
     g_clear_object(&self->closing);
+    g_clear_weak_pointer(&self->focus);
     // GTK's notebook page accessibles ask the notebook for the tab label of a
     // page already removed, a critical for each page; without tabs they do not ask.
     if (self->notebook != NULL)
@@ -415,7 +429,6 @@ static void main_window_class_init(MainWindowClass* klass)
     gtk_widget_class_bind_template_child(widget_class, MainWindow, ctl_printer);
     gtk_widget_class_bind_template_child(widget_class, MainWindow, notebook);
     gtk_widget_class_bind_template_child(widget_class, MainWindow, ctl_status);
-    gtk_widget_class_bind_template_child(widget_class, MainWindow, ctl_content);
 
     gtk_widget_class_bind_template_callback_full(widget_class, "gtk_main_quit", G_CALLBACK(gtk_main_quit));
     gtk_widget_class_bind_template_callback_full(widget_class, "on_show", G_CALLBACK(main_window_on_show));
@@ -429,6 +442,7 @@ static void main_window_class_init(MainWindowClass* klass)
 static void main_window_init(MainWindow* self)
 {
     gtk_widget_init_template(GTK_WIDGET(self));
+    update_sensitivity(self);  // locked until the password is accepted
 
     // One renderer shared by both columns; the columns hold their own references.
     GtkCellRenderer* renderer = gtk_cell_renderer_text_new();
