@@ -27,7 +27,7 @@ READ_NETCFG, READ_LOG = "1b5e495352", "1b1d1e10571b1d1f"
 
 class Responder:
     def __init__(self, *options):
-        self.proc = subprocess.Popen(["/usr/bin/python3", os.path.join(HERE, "..", "..", "tools", "kernel", "responder.py"), RECORD, GADGET, *options],
+        self.proc = subprocess.Popen([os.path.join(driver.BUILD, "tools", "kernel-responder"), RECORD, GADGET, *options],
                                      stderr=subprocess.PIPE, text=True)
         self.proc.stderr.readline()  # "responder: ready"
 

@@ -22,7 +22,7 @@ printf 'MFG:Pellavoy;CMD:ESC;MDL:KP-1;CLS:PRINTER;..' > $g/functions/printer.usb
 ln -s $g/functions/printer.usb0 $g/configs/c.1/
 echo dummy_udc.0 > $g/UDC || fail "cannot bind the gadget"
 
-KERNEL_GADGET=$g KERNEL_RESPONDER=$here/../../tools/kernel/responder.py KERNEL_TOOLS=$build/tools \
+KERNEL_GADGET=$g KERNEL_RESPONDER=$build/tools/kernel-responder KERNEL_TOOLS=$build/tools \
   "$build/tests/test_kernel" --gtest_filter='Kernel.*' --gtest_output=xml:/results/kernel.xml "$@"
 status=$?
 

@@ -1,6 +1,6 @@
 // The USB manager on a real kernel: run inside the VM of tests/kernel/run,
 // where the kernel's printer gadget (dummy_hcd) is this machine's only USB
-// printer and tools/kernel/responder.py plays its firmware.
+// printer and tools/kernel/responder.c plays its firmware.
 #include "COMMON/devmgr/usb_mgr.h"
 
 #include <gtest/gtest.h>
@@ -25,7 +25,7 @@
 namespace {
 
 const std::string gadget = getenv("KERNEL_GADGET") ? getenv("KERNEL_GADGET") : "";
-const std::string responder_py = getenv("KERNEL_RESPONDER") ? getenv("KERNEL_RESPONDER") : "";
+const std::string responder_program = getenv("KERNEL_RESPONDER") ? getenv("KERNEL_RESPONDER") : "";
 const std::string tools = getenv("KERNEL_TOOLS") ? getenv("KERNEL_TOOLS") : "";
 const std::string record = "/tmp/gadget-frames";
 const uint8_t read_netcfg[] = {0x1B, 0x5E, 0x49, 0x53, 0x52};
@@ -87,7 +87,7 @@ public:
         pid_ = fork();
         if (pid_ == 0) {
             dup2(ready[1], 2);
-            execl("/usr/bin/python3", "python3", responder_py.c_str(), record.c_str(), gadget.c_str(), nullptr);
+            execl(responder_program.c_str(), "kernel-responder", record.c_str(), gadget.c_str(), nullptr);
             _exit(127);
         }
         close(ready[1]);
