@@ -3,6 +3,7 @@
 #include "exchange.h"
 #include "i18n.h"
 #include "ipv4.h"
+#include "netcheck.h"
 #include "passwd_dlg.h"
 #include "printer_chooser.h"
 #include "status_line.h"
@@ -215,6 +216,30 @@ static std::string differences(const guint8* sent, const guint8* reported)
     return out;
 }
 
+// What the check says of the page as it stands.
+static NetFindings check_page(MainWindow* self)
+{
+    return netcheck(gtk_toggle_button_get_active(GTK_TOGGLE_BUTTON(self->ctl_dhcp)), gtk_entry_get_text(self->ctl_addr),
+                    gtk_entry_get_text(self->ctl_subnet), gtk_entry_get_text(self->ctl_gateway));
+}
+
+// The entry a finding is about (NetField).
+static GtkEntry* entry_of(MainWindow* self, size_t field)
+{
+    GtkEntry* const entries[] = {self->ctl_addr, self->ctl_subnet, self->ctl_gateway};
+    return entries[field];
+}
+
+// The findings of one level, in the page's order, each after a space.
+static std::string sentences_of(const NetFindings& findings, Level level)
+{
+    std::string out;
+    for (const auto& f : findings)
+        if (f && f->level == level)
+            out += " " + f->sentence;
+    return out;
+}
+
 // The protocol has no acknowledgement: what the printer reads back after the
 // write tells whether it took the settings.
 static void netcfg_saved(MainWindow* self, const Click& click, const ExchangeResult& ex)
@@ -246,6 +271,19 @@ void main_window_on_netcfg_save(GtkButton* button, MainWindow* self)
     g_return_if_fail(!self->busy);
     g_info("main_win:48: saving net config");
 
+    // Settings that would leave the printer unreachable never go out.
+    const NetFindings findings = check_page(self);
+    if (has_error(findings)) {
+        status_line_show(self->ctl_status, Mark::Error,
+                         _("Nothing was sent to the printer:") + sentences_of(findings, Level::Error));
+        for (size_t i = 0; i < findings.size(); ++i)
+            if (findings[i] && findings[i]->level == Level::Error) {
+                gtk_widget_grab_focus(GTK_WIDGET(entry_of(self, i)));
+                break;
+            }
+        return;
+    }
+
     std::vector<guint8> frame = frame_of(netcfg_write_header);
     frame.push_back(gtk_toggle_button_get_active(GTK_TOGGLE_BUTTON(self->ctl_dhcp)) ? 1 : 0);
     for (GtkEntry* entry : {self->ctl_addr, self->ctl_gateway, self->ctl_subnet})
@@ -254,7 +292,8 @@ void main_window_on_netcfg_save(GtkButton* button, MainWindow* self)
     // The entries stay editable during the exchange: what is said of them is decided now.
     Click* click = new Click{netcfg_saved};
     click->record.assign(frame.begin() + netcfg_record_offset, frame.end());
-    click->notes = zeroed_fields(self);
+    const bool dhcp = gtk_toggle_button_get_active(GTK_TOGGLE_BUTTON(self->ctl_dhcp));
+    click->notes = dhcp ? zeroed_fields(self) : sentences_of(findings, Level::Warning);
     start_exchange(self, N_("Sending the network settings…"),
                    {{frame, 0}, {frame_of(netcfg_read_frame), netcfg_reply_capacity}}, click);
 }
@@ -345,15 +384,20 @@ static void main_window_on_printer_removed(PrinterList* list, const Printer* p, 
     status_line_show(self->ctl_status, Mark::None, status_sentence(Outcome::Disconnected, printer_name(p->serial, p->vid, p->pid)));
 }
 
-// Entries whose text Save would send as 0.0.0.0 show a warning; an empty one does not.
-static void on_address_changed(GtkEntry* entry, gpointer user_data)
+// Each entry shows what the check says of it, to the eye (the icon and its
+// tooltip) and to a screen reader (the entry's description); any edit of the
+// page can change what is said of every entry.
+static void mark_entries(MainWindow* self)
 {
-    (void)user_data;
-    const gchar* text = gtk_entry_get_text(entry);
-    const bool mark = text[0] != '\0' && !is_ipv4(text);
-    gtk_entry_set_icon_from_icon_name(entry, GTK_ENTRY_ICON_SECONDARY, mark ? "dialog-warning" : NULL);
-    gtk_entry_set_icon_tooltip_text(entry, GTK_ENTRY_ICON_SECONDARY,
-                                    mark ? _("Not an IPv4 address: Save sends 0.0.0.0") : NULL);
+    const NetFindings findings = check_page(self);
+    for (size_t i = 0; i < findings.size(); ++i) {
+        const auto& f = findings[i];
+        GtkEntry* entry = entry_of(self, i);
+        const char* icon = !f ? NULL : f->level == Level::Error ? "dialog-error" : "dialog-warning";
+        gtk_entry_set_icon_from_icon_name(entry, GTK_ENTRY_ICON_SECONDARY, icon);
+        gtk_entry_set_icon_tooltip_text(entry, GTK_ENTRY_ICON_SECONDARY, f ? f->sentence.c_str() : NULL);
+        atk_object_set_description(gtk_widget_get_accessible(GTK_WIDGET(entry)), f ? f->sentence.c_str() : "");
+    }
 }
 
 // The window is gated by the password: one attempt, and a wrong one ends the program.
@@ -438,7 +482,9 @@ static void main_window_init(MainWindow* self)
     g_object_unref(renderer);
 
     for (GtkEntry* entry : {self->ctl_addr, self->ctl_subnet, self->ctl_gateway})
-        g_signal_connect(entry, "changed", G_CALLBACK(on_address_changed), NULL);
+        g_signal_connect_swapped(entry, "changed", G_CALLBACK(mark_entries), self);
+    g_signal_connect_swapped(self->ctl_dhcp, "toggled", G_CALLBACK(mark_entries), self);
+    mark_entries(self);
 
     self->closing = g_cancellable_new();
     PrinterList* printers = printer_chooser_get_printers(self->ctl_printer);

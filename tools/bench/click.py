@@ -46,6 +46,8 @@ finally:
 # waits for a printer that takes no data (2 s).
 app = driver.Pellavoy("--no-accept", program=sys.argv[2] if len(sys.argv) > 2 else None)
 try:
+    app.set_field("IP address:", "192.168.1.100")  # an empty page is refused without an exchange
+    app.set_field("Subnet mask:", "255.255.255.0")
     driver.press(app.button("Save"))
     start = time.perf_counter()
     answers = []
