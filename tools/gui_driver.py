@@ -152,10 +152,16 @@ class Pellavoy:
         """To the virtual printer: SIGUSR1 unplugs the printer --hotplug names, SIGUSR2 plugs it back in."""
         self.proc.send_signal(sig)
 
-    def address_warning(self, label):
-        """The tooltip of the warning icon in that entry, or None without one."""
-        icons = [c for c in self._entries_by_label()[label].children if c.roleName == "icon"]
-        return icons[0].description if icons else None
+    def mark(self, label):
+        """What the check says of that entry: (icon name, its tooltip, the
+        entry's accessible description); (None, None, "") without a finding."""
+        entry = self._entries_by_label()[label]
+        icons = [c for c in entry.children if c.roleName == "icon"]
+        return (icons[0].name if icons else None, icons[0].description if icons else None, entry.description or "")
+
+    def focused_entry(self):
+        """The label of the entry that has the keyboard focus, or None."""
+        return next((label for label, entry in self._entries_by_label().items() if entry.focused), None)
 
     def page(self, name):
         tab = self.app.child(name=name, roleName="page tab")
