@@ -7,6 +7,7 @@
 
 #include <fstream>
 #include <memory>
+#include <set>
 #include <sstream>
 
 using vprinter::Bytes;
@@ -142,6 +143,54 @@ TEST(VirtualPrinter, StringsSettingsAndSysfs)
     EXPECT_EQ(bed.control_requests()[0].request, 11);  // SET_INTERFACE reached the device
     libusb_release_interface(usb.h, 0);
     EXPECT_EQ(sysfs("1-10:1.0/bAlternateSetting"), " 0\n");  // unbound: back to setting 0
+}
+
+// Every line of the corpus is the bytes a device returns: a device descriptor,
+// then a configuration whose lengths and counts agree with its bytes.
+TEST(VirtualPrinter, CorpusIsWellFormed)
+{
+    const std::vector<vprinter::CorpusDevice> corpus = vprinter::load_corpus(CORPUS);
+    EXPECT_GE(corpus.size(), 25u);
+    std::set<std::string> names;
+    for (const vprinter::CorpusDevice& c : corpus) {
+        SCOPED_TRACE(c.name);
+        EXPECT_TRUE(names.insert(c.name).second) << "the name is taken";
+        EXPECT_FALSE(c.source.empty());
+        const Bytes& d = c.device.descriptors;
+        ASSERT_GE(d.size(), 27u);
+        EXPECT_EQ(vprinter::to_hex(d.data(), 2), "1201");
+        EXPECT_EQ(vprinter::to_hex(d.data() + 18, 2), "0902");
+        EXPECT_EQ(size_t(d[20] | d[21] << 8), d.size() - 18) << "wTotalLength";
+        const vprinter::Layout l = vprinter::walk(d);
+        EXPECT_EQ(l.vid, c.device.vid);
+        EXPECT_EQ(l.pid, c.device.pid);
+        EXPECT_EQ(l.interfaces().size(), size_t(d[22])) << "bNumInterfaces";
+        size_t pos = 18, walked = 0;
+        unsigned declared = 0, found = 0;
+        while (pos + 1 < d.size() && d[pos] >= 2) {
+            if (d[pos + 1] == 4) {
+                declared += d[pos + 4];
+                ++walked;
+            }
+            found += d[pos + 1] == 5 ? 1 : 0;
+            pos += d[pos];
+        }
+        EXPECT_EQ(pos, d.size()) << "the descriptors' lengths add up to the bytes";
+        EXPECT_EQ(walked, l.settings.size());
+        EXPECT_EQ(found, declared) << "bNumEndpoints";
+        // The same walk on every cut and every spoiled byte stays inside the bytes.
+        for (size_t i = 0; i < d.size(); ++i) {
+            Bytes bad(d.begin(), d.begin() + long(i));
+            vprinter::walk(bad);
+            vprinter::usb_interfaces(bad);
+            for (uint8_t v : {uint8_t(0), uint8_t(1), uint8_t(0xFF)}) {
+                bad = d;
+                bad[i] = v;
+                vprinter::walk(bad);
+                vprinter::usb_interfaces(bad);
+            }
+        }
+    }
 }
 
 int main(int argc, char** argv)

@@ -89,8 +89,8 @@ CorpusDevice parse_corpus_line(const std::string& line)
             const std::string text = member_text(s, key.c_str(), true);
             if (text == "(error)")
                 d.strings[static_cast<uint8_t>(index)] = std::nullopt;
-            else if (!text.empty())
-                d.strings[static_cast<uint8_t>(index)] = text;
+            else
+                d.strings[static_cast<uint8_t>(index)] = text.empty() ? c.name : text;
         }
         g_list_free(keys);
     }
