@@ -180,24 +180,24 @@ NetFindings netcheck(bool dhcp, const char* address, const char* mask, const cha
         // The printer takes its address from the network; what it is sent
         // matters only if DHCP fails, and an empty entry is no surprise.
         const Entry* entries[] = {&a, &m, &g};
-        for (size_t i = 0; i < out.size(); ++i)
+        for (size_t i = 0; i < out.entries.size(); ++i)
             if (!entries[i]->text.empty() && !entries[i]->ok)
-                out[i] = warning(_("Not an IPv4 address: Save sends 0.0.0.0"));
+                out.entries[i] = warning(_("Not an IPv4 address: Save sends 0.0.0.0"));
         return out;
     }
     std::optional<Subnet> subnet;
     const int prefix = m.ok && m.value != 0 ? prefix_of(m.value) : -1;
     if (a.ok && prefix > 0)
         subnet = Subnet{a.value & m.value, a.value | ~m.value, prefix};
-    out[Address] = check_address(a, subnet);
-    out[Mask] = check_mask(m, g);
-    out[Gateway] = check_gateway(g, a, subnet);
+    out[NetField::Address] = check_address(a, subnet);
+    out[NetField::SubnetMask] = check_mask(m, g);
+    out[NetField::Gateway] = check_gateway(g, a, subnet);
     return out;
 }
 
-bool has_error(const NetFindings& findings)
+bool NetFindings::has_error() const
 {
-    for (const auto& f : findings)
+    for (const auto& f : entries)
         if (f && f->level == Level::Error)
             return true;
     return false;

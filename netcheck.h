@@ -3,6 +3,8 @@
 // with a USB cable again. No widgets here: texts in, findings out.
 #pragma once
 
+#include "protocol.h"
+
 #include <array>
 #include <optional>
 #include <string>
@@ -14,11 +16,13 @@ struct Finding {
     std::string sentence;  // names the entry, the value and the reason; translated
 };
 
-// The entries in the page's order.
-enum NetField { Address, Mask, Gateway };
-
-// At most one finding for each entry, indexed by NetField.
-using NetFindings = std::array<std::optional<Finding>, 3>;
+// At most one finding for each address entry of the page.
+struct NetFindings {
+    std::array<std::optional<Finding>, 3> entries;  // address, subnet mask, gateway: the page's order
+    std::optional<Finding>& operator[](NetField f) { return entries.at(static_cast<size_t>(f)); }
+    const std::optional<Finding>& operator[](NetField f) const { return entries.at(static_cast<size_t>(f)); }
+    bool has_error() const;
+};
 
 // With DHCP on the printer takes its address from the network: only text that
 // Save would send as 0.0.0.0 is marked. With DHCP off an error means the
@@ -26,5 +30,3 @@ using NetFindings = std::array<std::optional<Finding>, 3>;
 // second look. An empty gateway (or 0.0.0.0) means none. Null texts count as
 // empty.
 NetFindings netcheck(bool dhcp, const char* address, const char* mask, const char* gateway);
-
-bool has_error(const NetFindings& findings);

@@ -145,11 +145,11 @@ TEST(NetCheck, EachEntryGetsAtMostOneFinding)
                                         << " / " << (c.mask ? c.mask : "(null)") << " via "
                                         << (c.gateway ? c.gateway : "(null)"));
         const NetFindings f = netcheck(c.dhcp, c.address, c.mask, c.gateway);
-        EXPECT_EQ(said(f[Address]), c.on_address);
-        EXPECT_EQ(said(f[Mask]), c.on_mask);
-        EXPECT_EQ(said(f[Gateway]), c.on_gateway);
+        EXPECT_EQ(said(f[NetField::Address]), c.on_address);
+        EXPECT_EQ(said(f[NetField::SubnetMask]), c.on_mask);
+        EXPECT_EQ(said(f[NetField::Gateway]), c.on_gateway);
         const bool error = c.on_address.rfind("E:", 0) == 0 || c.on_mask.rfind("E:", 0) == 0 ||
                            c.on_gateway.rfind("E:", 0) == 0;
-        EXPECT_EQ(has_error(f), error);
+        EXPECT_EQ(f.has_error(), error);
     }
 }
