@@ -233,6 +233,11 @@ class Outcomes(Case):
             # Pulled out while the window waits for the reply: the kernel's bus error.
             (("--unplug-after", "2", "--no-reply"), "Load", "Printer VP0001 was disconnected.", "Error", [READ_NETCFG],
              "Input/Output Error"),
+            # No way back: nothing is asked that cannot be answered, and the manager has nothing to complain of.
+            (("--endpoints", "01"), "Load", "Printer VP0001 cannot answer: its USB interface only takes data.",
+             "Error", [], None),
+            (("--endpoints", "01"), "Save", SENT + " It cannot report them back: its USB interface only takes data.",
+             "Warning", [SAVE_FRAME], None),
         ]
         for options, button, sentence, mark, frames, warning in cases:
             with self.subTest(options=options, button=button):
@@ -242,7 +247,10 @@ class Outcomes(Case):
                 self.assertEqual(app.act(button), sentence)
                 self.assertEqual(app.status_mark(), mark)
                 self.assertEqual(app.frames(), frames)
-                self.assertIn(warning, app.stderr_lines())
+                if warning:
+                    self.assertIn(warning, app.stderr_lines())
+                else:  # the manager refuses a read that has no endpoint: none was tried
+                    self.assertNotIn("Entity not found", app.stderr_lines())
                 # The log lines are those of a window without a status line.
                 expected = (["[I]main_win:48: saving net config"] if button == "Save" else
                             ["[I]main_win:22: loading net config"] +
@@ -251,19 +259,24 @@ class Outcomes(Case):
                 app.finish()
 
     def test_nothing_found_and_nothing_sent_without_a_printer(self):
-        app = self.run_app("--no-device")
-        self.assertEqual((app.status(), app.chooser_items()), (NO_PRINTER, ["First printer found"]))
-        self.assertIsNone(app.status_mark(), "at the start it is news, not a failure")
-        app.set_field(ADDR, "1.1.1.1")
-        self.assertEqual(app.act("Save"), NO_PRINTER)
-        self.assertEqual(app.status_mark(), "Error")
-        app.act("Load")
-        app.page("Log")
-        app.act("Load")
-        self.assertEqual(app.ui_lines(), ["[I]main_win:48: saving net config", "[I]main_win:22: loading net config",
-                                          "[I]main_win:65: loading log"])
-        self.assertEqual(app.frames(), [])
-        self.assertEqual(app.log_rows(), [])
+        other = ("No USB printer that Pellavoy can use: Virtual Printer (KB1) has its printer interface on "
+                 "interface 1, and Pellavoy uses interface 0 only.")
+        for options, sentence in ((("--no-device",), NO_PRINTER), (("--other", "1", "--printers", "0"), other)):
+            with self.subTest(options=options):
+                app = self.run_app(*options)
+                self.assertEqual((app.status(), app.chooser_items()), (sentence, ["First printer found"]))
+                self.assertIsNone(app.status_mark(), "at the start it is news, not a failure")
+                app.set_field(ADDR, "1.1.1.1")
+                self.assertEqual(app.act("Save"), sentence)
+                self.assertEqual(app.status_mark(), "Error")
+                app.act("Load")
+                app.page("Log")
+                app.act("Load")
+                self.assertEqual(app.ui_lines(), ["[I]main_win:48: saving net config",
+                                                  "[I]main_win:22: loading net config", "[I]main_win:65: loading log"])
+                self.assertEqual(app.frames(), [])
+                self.assertEqual(app.log_rows(), [])
+                app.finish()
 
 
 class Background(Case):
