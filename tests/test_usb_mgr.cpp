@@ -155,6 +155,23 @@ TEST_F(UsbMgr, EndpointChoiceTakesTheLastOfEachDirection)
     EXPECT_EQ(mgr[0].out_ep, 0x04);
 }
 
+// A printer with no way back has no IN endpoint: a read is refused before
+// any transfer, with libusb's text for a missing entity.
+TEST_F(UsbMgr, AReadWithoutAnInEndpointIsRefused)
+{
+    DeviceSpec p = printer();
+    p.endpoints = {0x01};
+    Opened o(scene_of({p}));
+    EXPECT_EQ(o.mgr[0].in_ep, 0);
+    log.clear();
+    std::vector<char> buf(64, 0);
+    int code = 0;
+    EXPECT_EQ(UsbManager::read(o.handle, buf, 1000, &code), -1);
+    EXPECT_EQ(code, LIBUSB_ERROR_NOT_FOUND);
+    EXPECT_EQ(o.bed.transfers(), 0);
+    EXPECT_EQ(log.messages(), std::vector<std::string>{"W:Entity not found"});
+}
+
 TEST_F(UsbMgr, SecondEnumerationReleasesTheOldRecords)
 {
     Testbed bed(scene_of({printer()}));
