@@ -30,12 +30,6 @@ class Probe(unittest.TestCase):
         cases = [
             ((), 0, "vid=1A2B,pid=00C4,sn=VP0001" + FIRST + "\n  on USB:      bus 001 device 002\n" + FINE),
             (("--no-device",), 1, "no USB printer found\n"),
-            # Devices whose printer interface is interface 1 are named with the reason.
-            (("--other", "2", "--printers", "0"), 1,
-             "1A2B:0100 on bus 001 device 002, Virtual Printer (KB1): a printer that cannot be used: its printer "
-             "interface is interface 1; Pellavoy uses interface 0 only.\n"
-             "1A2B:0101 on bus 001 device 003, Virtual Printer (KB2): a printer that cannot be used: its printer "
-             "interface is interface 1; Pellavoy uses interface 0 only.\n"),
             # Blanks around the serial number are not part of it.
             (("--endpoints", "01", "--serial", "  VP 1  "), 0, "vid=1A2B,pid=00C4,sn=VP 1" + FIRST + "\n"
              "  on USB:      bus 001 device 002\n  cannot answer: its USB interface only takes data. Pellavoy can send "
