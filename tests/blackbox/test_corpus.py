@@ -66,7 +66,7 @@ class Corpus(unittest.TestCase):
                 self.assertEqual(app.ui_lines()[-1],
                                  "[I]main_win:31: read %d bytes" % (13 if row["load"] == "read" else 64))
 
-    def test_a_device_that_cannot_be_used_is_named(self):
+    def test_a_device_that_cannot_be_used_is_named_at_start_and_after_a_click(self):
         for row in table():
             if row["listed"] == "yes":
                 continue
@@ -74,7 +74,10 @@ class Corpus(unittest.TestCase):
                 app = Pellavoy("--corpus", CORPUS, "--device", row["name"])
                 self.addCleanup(app.finish)
                 self.assertEqual(app.chooser_items(), ["First printer found"])
-                self.assertEqual(app.status(), OTHER % (row["chooser"], row["interface"]))
+                sentence = OTHER % (row["chooser"], row["interface"])
+                self.assertEqual((app.status(), app.status_mark()), (sentence, None))
+                self.assertEqual(app.act("Load"), sentence)
+                self.assertEqual((app.status_mark(), app.frames()), ("Error", []))
                 app.finish()
 
 
