@@ -132,12 +132,12 @@ class Pellavoy:
     def status_mark(self):
         """The accessible name of the icon shown in the status line ("Error",
         "Warning"), or None without one."""
-        icons = [n for n in self.status_bar().children if n.roleName == "icon" and n.showing]
+        icons = self.status_bar().findChildren(lambda n: n.roleName == "icon" and n.showing)
         return icons[0].name if icons else None
 
     def busy(self):
         """An exchange runs: the status line's spinner shows."""
-        return any(n.roleName == "animation" and n.showing for n in self.status_bar().children)
+        return bool(self.status_bar().findChildren(lambda n: n.roleName == "animation" and n.showing))
 
     def chooser(self):
         return self.app.child(roleName="combo box")
