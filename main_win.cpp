@@ -78,7 +78,7 @@ static void start_exchange(MainWindow* self, const char* progress, std::vector<T
     self->busy = TRUE;
     set_actions_sensitive(self, FALSE);
     status_line_set_busy(self->ctl_status, TRUE);
-    status_line_show(self->ctl_status, Mark::None, _(progress));
+    status_line_show_progress(self->ctl_status, _(progress));
     exchange_run_async(std::move(request), G_OBJECT(self), self->closing, on_exchange_done, click);
 }
 

@@ -266,6 +266,16 @@ TEST_F(Ui, LabelsComeOutInGermanFromTheCatalogue)
     setlocale(LC_ALL, "C.UTF-8");
 }
 
+// The first label inside a widget: the status line's sentence.
+static void find_label(GtkWidget* widget, gpointer found)
+{
+    GtkWidget** label = static_cast<GtkWidget**>(found);
+    if (*label == nullptr && GTK_IS_LABEL(widget))
+        *label = widget;
+    else if (GTK_IS_CONTAINER(widget))
+        gtk_container_forall(GTK_CONTAINER(widget), find_label, found);
+}
+
 // At the window's default size every sentence shows whole: wrapped, never
 // cut short, the window no wider. The longest are a Save refused for three
 // errors, and a Save with DHCP on whose read-back differs in every field,
@@ -327,9 +337,9 @@ TEST_F(Ui, EverySentenceIsSeenWholeAtTheDefaultSize)
                                             "No such device (it may have been disconnected)", 511));
 
         StatusLine* line = STATUS_LINE(child_of(win, "ctl_status"));
-        GList* children = gtk_container_get_children(GTK_CONTAINER(line));
-        GtkWidget* label = GTK_WIDGET(g_list_last(children)->data);
-        g_list_free(children);
+        GtkWidget* label = nullptr;
+        gtk_container_forall(GTK_CONTAINER(line), find_label, &label);
+        ASSERT_NE(label, nullptr);
         for (const std::string& text : texts) {
             SCOPED_TRACE(text);
             status_line_show(line, Mark::Error, text);

@@ -16,7 +16,7 @@ SENTENCE = "Read the network settings from printer VP0001."
 def sentence(app):
     # An earlier build's GtkStatusbar shows its text as its own name.
     bar = app.status_bar()
-    labels = [n for n in bar.children if n.roleName == "label"]
+    labels = bar.findChildren(lambda n: n.roleName == "label")
     return labels[0].name if labels else bar.name
 
 
