@@ -346,17 +346,26 @@ gboolean main_window_get_busy(MainWindow* self)
     return self->busy;
 }
 
-// udev's news: the status line says what came and went.
+// udev's news: the status line says what came and went. An exchange cut short
+// by an unplug has said the same words already, with its mark; udev's event
+// may come after it, and then adds nothing.
+static void show_news(MainWindow* self, Outcome news, const Printer* p)
+{
+    const std::string sentence = status_sentence(news, printer_name(p->serial, p->vid, p->pid));
+    if (sentence != status_line_get_text(self->ctl_status))
+        status_line_show(self->ctl_status, Mark::None, sentence);
+}
+
 static void main_window_on_printer_added(PrinterList* list, const Printer* p, MainWindow* self)
 {
     (void)list;
-    status_line_show(self->ctl_status, Mark::None, status_sentence(Outcome::Connected, printer_name(p->serial, p->vid, p->pid)));
+    show_news(self, Outcome::Connected, p);
 }
 
 static void main_window_on_printer_removed(PrinterList* list, const Printer* p, MainWindow* self)
 {
     (void)list;
-    status_line_show(self->ctl_status, Mark::None, status_sentence(Outcome::Disconnected, printer_name(p->serial, p->vid, p->pid)));
+    show_news(self, Outcome::Disconnected, p);
 }
 
 // Each entry shows what the check says of it, to the eye (the icon and its
