@@ -3,8 +3,10 @@
 #include "exchange.h"
 #include "i18n.h"
 #include "ipv4.h"
+#include "netcheck.h"
 #include "passwd_dlg.h"
 #include "printer_chooser.h"
+#include "protocol.h"
 #include "status_line.h"
 
 #include <memory>
@@ -35,34 +37,13 @@ struct _MainWindow {
 
 G_DEFINE_TYPE(MainWindow, main_window, GTK_TYPE_APPLICATION_WINDOW)
 
-// The printer's command frames (all numbers little-endian).
-static const guint8 netcfg_read_frame[] = {0x1B, 0x5E, 0x49, 0x53, 0x52};
-static const guint8 netcfg_write_header[] = {0x1B, 0x5E, 0x49, 0x53, 0x57};
-static const guint8 log_read_frame[] = {0x1B, 0x1D, 0x1E, 0x10, 0x57, 0x1B, 0x1D, 0x1F};
-static const guint8 log_reset_frame[] = {0x1B, 0x1D, 0x1E, 0x10, 0x55, 0x1B, 0x1D, 0x1F};
-static const guint8 log_trigger_frame[] = {0x1B, 0x1D, 0x1E, 0x10, 0x1D, 0, 0, 0, 0, 0x1B, 0x1D, 0x1F};
-static const gsize trigger_time_offset = 5;
-
-// The network configuration record, the same both ways: dhcp, then address,
-// gateway and subnet mask (wire order), from this offset of the write frame.
-static const gsize netcfg_record_offset = sizeof netcfg_write_header;
-static const gsize netcfg_reply_capacity = 64;
-static const gint32 netcfg_reply_length = 13;
-static const gsize log_reply_capacity = 2048;
-
-template <gsize N>
-static std::vector<guint8> frame_of(const guint8 (&bytes)[N])
-{
-    return std::vector<guint8>(bytes, bytes + N);
-}
-
 // What a click keeps for the end of its exchange.
 struct Click {
     using Done = void (*)(MainWindow* self, const Click& click, const ExchangeResult& ex);
     explicit Click(Done d, Outcome s = Outcome::TimeSent) : done(d), success(s) {}
     Done done;
     Outcome success;                      // for the actions that read nothing
-    std::vector<guint8> record;           // Save: the record sent, to compare with what the printer reports
+    NetRecord record;                     // Save: the record sent, to compare with what the printer reports
     std::string notes;                    // Save: the entries that went out as 0.0.0.0
 };
 
@@ -112,7 +93,7 @@ static void start_exchange(MainWindow* self, const char* progress, std::vector<T
     g_set_weak_pointer(&self->focus, gtk_window_get_focus(GTK_WINDOW(self)));
     update_sensitivity(self);
     status_line_set_busy(self->ctl_status, TRUE);
-    status_line_show(self->ctl_status, Mark::None, _(progress));
+    status_line_show_progress(self->ctl_status, _(progress));
     exchange_run_async(std::move(request), G_OBJECT(self), self->closing, on_exchange_done, click);
 }
 
@@ -134,8 +115,7 @@ static void written(MainWindow* self, const Click& click, const ExchangeResult& 
 
 guint32 bytes_to_num(const guint8* bytes)
 {
-    return static_cast<guint32>(bytes[0]) | static_cast<guint32>(bytes[1]) << 8 |
-           static_cast<guint32>(bytes[2]) << 16 | static_cast<guint32>(bytes[3]) << 24;
+    return le32(bytes);
 }
 
 guint8* ip_str_to_bytes(MainWindow* self, const gchar* ip_str, gsize* len)
@@ -162,13 +142,15 @@ static void netcfg_loaded(MainWindow* self, const Click& click, const ExchangeRe
     const TransferResult& r = ex.transfers[0];
     if (ex.sent)
         g_info("main_win:31: read %u bytes", static_cast<guint>(r.length));
-    if (ex.sent && r.length == netcfg_reply_length) {
-        gtk_toggle_button_set_active(GTK_TOGGLE_BUTTON(self->ctl_dhcp), r.reply[0] != 0);
-        gtk_entry_set_text(self->ctl_addr, ipv4_to_text(&r.reply[1]).c_str());
-        gtk_entry_set_text(self->ctl_gateway, ipv4_to_text(&r.reply[5]).c_str());
-        gtk_entry_set_text(self->ctl_subnet, ipv4_to_text(&r.reply[9]).c_str());
+    NetRecord record;
+    const bool parsed = ex.sent && net_record_parse(r.reply.data(), static_cast<gsize>(r.length), &record);
+    if (parsed) {
+        gtk_toggle_button_set_active(GTK_TOGGLE_BUTTON(self->ctl_dhcp), record.dhcp != 0);
+        gtk_entry_set_text(self->ctl_addr, ipv4_to_text(record.address).c_str());
+        gtk_entry_set_text(self->ctl_gateway, ipv4_to_text(record.gateway).c_str());
+        gtk_entry_set_text(self->ctl_subnet, ipv4_to_text(record.mask).c_str());
     }
-    report(self, ex, Outcome::NetcfgRead, r.length != netcfg_reply_length, static_cast<guint>(r.length));
+    report(self, ex, Outcome::NetcfgRead, !parsed, static_cast<guint>(r.length));
 }
 
 void main_window_on_netcfg_load(GtkButton* button, MainWindow* self)
@@ -177,16 +159,16 @@ void main_window_on_netcfg_load(GtkButton* button, MainWindow* self)
     g_return_if_fail(self != NULL);
     g_return_if_fail(!self->busy);
     g_info("main_win:22: loading net config");
-    start_exchange(self, N_("Reading the network settings…"), {{frame_of(netcfg_read_frame), netcfg_reply_capacity}},
+    start_exchange(self, N_("Reading the network settings…"), {{net_read_frame(), net_reply_capacity}},
                    new Click{netcfg_loaded});
 }
 
-static void append_address(std::vector<guint8>& frame, MainWindow* self, GtkEntry* entry)
+static void entry_octets(MainWindow* self, GtkEntry* entry, guint8 octets[4])
 {
     gsize len = 0;
     guint8* bytes = ip_str_to_bytes(self, gtk_entry_get_text(entry), &len);
-    if (bytes != NULL)
-        frame.insert(frame.end(), bytes, bytes + len);
+    if (bytes != NULL && len == 4)
+        memcpy(octets, bytes, 4);
     g_free(bytes);
 }
 
@@ -210,23 +192,43 @@ static std::string zeroed_fields(MainWindow* self)
 
 // The fields that the printer reports otherwise than they were sent, in the
 // page's order, with the printer's values; empty when all match.
-static std::string differences(const guint8* sent, const guint8* reported)
+static std::string differences(const NetRecord& sent, const NetRecord& reported)
 {
-    const struct {
-        gsize offset;
-        const char* format;
-    } addresses[] = {{1, N_("IP address %s")}, {9, N_("subnet mask %s")}, {5, N_("gateway %s")}};
+    // By NetField: address, subnet mask, gateway.
+    static const char* const formats[] = {N_("IP address %s"), N_("subnet mask %s"), N_("gateway %s")};
     std::string out;
-    const auto add = [&out](const std::string& item) { out += (out.empty() ? "" : ", ") + item; };
-    for (const auto& a : addresses) {
-        if (memcmp(sent + a.offset, reported + a.offset, 4) == 0)
-            continue;
-        gchar* item = g_strdup_printf(_(a.format), ipv4_to_text(reported + a.offset).c_str());
-        add(item);
+    for (NetField field : net_differences(sent, reported)) {
+        gchar* item = field == NetField::Dhcp
+                          ? g_strdup(reported.dhcp != 0 ? _("DHCP on") : _("DHCP off"))
+                          : g_strdup_printf(_(formats[static_cast<int>(field)]),
+                                            ipv4_to_text(net_field_octets(reported, field)).c_str());
+        out += (out.empty() ? "" : ", ") + std::string(item);
         g_free(item);
     }
-    if ((sent[0] != 0) != (reported[0] != 0))
-        add(reported[0] != 0 ? _("DHCP on") : _("DHCP off"));
+    return out;
+}
+
+// What the check says of the page as it stands.
+static NetFindings check_page(MainWindow* self)
+{
+    return netcheck(gtk_toggle_button_get_active(GTK_TOGGLE_BUTTON(self->ctl_dhcp)), gtk_entry_get_text(self->ctl_addr),
+                    gtk_entry_get_text(self->ctl_subnet), gtk_entry_get_text(self->ctl_gateway));
+}
+
+// The entry a finding is about, by its place in the page's order.
+static GtkEntry* entry_of(MainWindow* self, size_t field)
+{
+    GtkEntry* const entries[] = {self->ctl_addr, self->ctl_subnet, self->ctl_gateway};
+    return entries[field];
+}
+
+// The findings of one level, in the page's order, each after a space.
+static std::string sentences_of(const NetFindings& findings, Level level)
+{
+    std::string out;
+    for (const auto& f : findings.entries)
+        if (f && f->level == level)
+            out += " " + f->sentence;
     return out;
 }
 
@@ -241,10 +243,13 @@ static void netcfg_saved(MainWindow* self, const Click& click, const ExchangeRes
     const TransferResult& back = ex.transfers[1];
     std::string text = status_sentence(Outcome::NetcfgSent, ex.printer) + " ";
     bool doubtful = true;
-    if (back.read_code != 0 || back.length != netcfg_reply_length) {
+    NetRecord reported;
+    if (!back.ran) {  // the printer has no way back
+        text += _("It cannot report them back: its USB interface only takes data.");
+    } else if (back.read_code != 0 || !net_record_parse(back.reply.data(), static_cast<gsize>(back.length), &reported)) {
         text += _("It did not report them back.");
     } else {
-        const std::string others = differences(click.record.data(), back.reply.data());
+        const std::string others = differences(click.record, reported);
         gchar* sentence = g_strdup_printf(_("It reports other settings: %s."), others.c_str());
         doubtful = !others.empty();
         text += doubtful ? sentence : _("It reports them back as sent.");
@@ -261,17 +266,31 @@ void main_window_on_netcfg_save(GtkButton* button, MainWindow* self)
     g_return_if_fail(!self->busy);
     g_info("main_win:48: saving net config");
 
-    std::vector<guint8> frame = frame_of(netcfg_write_header);
-    frame.push_back(gtk_toggle_button_get_active(GTK_TOGGLE_BUTTON(self->ctl_dhcp)) ? 1 : 0);
-    for (GtkEntry* entry : {self->ctl_addr, self->ctl_gateway, self->ctl_subnet})
-        append_address(frame, self, entry);
+    // Settings that would leave the printer unreachable never go out.
+    const NetFindings findings = check_page(self);
+    if (findings.has_error()) {
+        status_line_show(self->ctl_status, Mark::Error,
+                         _("Nothing was sent to the printer:") + sentences_of(findings, Level::Error));
+        for (size_t i = 0; i < findings.entries.size(); ++i)
+            if (findings.entries[i] && findings.entries[i]->level == Level::Error) {
+                gtk_widget_grab_focus(GTK_WIDGET(entry_of(self, i)));
+                break;
+            }
+        return;
+    }
 
     // The entries stay editable during the exchange: what is said of them is decided now.
     Click* click = new Click{netcfg_saved};
-    click->record.assign(frame.begin() + netcfg_record_offset, frame.end());
-    click->notes = zeroed_fields(self);
+    NetRecord& r = click->record;
+    r.dhcp = gtk_toggle_button_get_active(GTK_TOGGLE_BUTTON(self->ctl_dhcp)) ? 1 : 0;
+    entry_octets(self, self->ctl_addr, r.address);
+    entry_octets(self, self->ctl_gateway, r.gateway);
+    entry_octets(self, self->ctl_subnet, r.mask);
+    click->notes = r.dhcp != 0 ? zeroed_fields(self) : sentences_of(findings, Level::Warning);
     start_exchange(self, N_("Sending the network settings…"),
-                   {{frame, 0}, {frame_of(netcfg_read_frame), netcfg_reply_capacity}}, click);
+                   {{net_write_frame(r.dhcp != 0, r.address, r.gateway, r.mask), 0},
+                    {net_read_frame(), net_reply_capacity}},
+                   click);
 }
 
 static void log_loaded(MainWindow* self, const Click& click, const ExchangeResult& ex)
@@ -282,13 +301,11 @@ static void log_loaded(MainWindow* self, const Click& click, const ExchangeResul
     guint rows = 0;
     if (ex.sent) {
         g_info("main_win:75: read %u bytes", static_cast<guint>(r.length));
-        if (r.length > 3) {
-            const guint32 count = bytes_to_num(r.reply.data());
-            g_info("main_win:78: %u records", count);
-            // The count is the printer's word; a slot the printer did not fill
-            // reads as zero, and nothing past the buffer is ever read.
-            for (guint32 i = 0; i < count && 4 + 4 * (static_cast<gsize>(i) + 1) <= r.reply.size(); ++i, ++rows) {
-                const guint32 t = bytes_to_num(r.reply.data() + 4 + 4 * static_cast<gsize>(i));
+        const JobLog log = job_log_parse(r.reply, r.length);
+        if (log.usable) {
+            g_info("main_win:78: %u records", log.count);
+            for (const guint32 t : log.times) {
+                ++rows;
                 GDateTime* moment = g_date_time_new_from_unix_local(t);
                 gchar* text = g_date_time_format(moment, "%F %T");
                 g_info("main_win:84: %u => %s", t, text);
@@ -311,7 +328,7 @@ void main_window_on_log_load(GtkButton* button, MainWindow* self)
     g_return_if_fail(self != NULL);
     g_return_if_fail(!self->busy);
     g_info("main_win:65: loading log");
-    start_exchange(self, N_("Reading the job log…"), {{frame_of(log_read_frame), log_reply_capacity}},
+    start_exchange(self, N_("Reading the job log…"), {{log_read_frame(), log_reply_capacity}},
                    new Click{log_loaded});
 }
 
@@ -322,13 +339,10 @@ void main_window_on_log_trigger(GtkButton* button, MainWindow* self)
     g_return_if_fail(!self->busy);
     g_info("main_win:107: trigger timestamp");
 
-    std::vector<guint8> frame = frame_of(log_trigger_frame);
     // Taken before the device search, so the frame carries the moment of the click.
     const guint32 now = static_cast<guint32>(g_get_real_time() / G_USEC_PER_SEC);
     g_info("main_win:111: timestamp: %u", now);
-    for (gsize i = 0; i < 4; ++i)
-        frame[trigger_time_offset + i] = static_cast<guint8>(now >> (8 * i));
-    start_exchange(self, N_("Sending the time…"), {{frame, 0}}, new Click{written, Outcome::TimeSent});
+    start_exchange(self, N_("Sending the time…"), {{log_trigger_frame(now), 0}}, new Click{written, Outcome::TimeSent});
 }
 
 void main_window_on_log_reset(GtkButton* button, MainWindow* self)
@@ -337,7 +351,7 @@ void main_window_on_log_reset(GtkButton* button, MainWindow* self)
     g_return_if_fail(self != NULL);
     g_return_if_fail(!self->busy);
     g_info("main_win:95: reset log");
-    start_exchange(self, N_("Clearing the job log…"), {{frame_of(log_reset_frame), 0}},
+    start_exchange(self, N_("Clearing the job log…"), {{log_reset_frame(), 0}},
                    new Click{written, Outcome::LogCleared});
 }
 
@@ -347,28 +361,42 @@ gboolean main_window_get_busy(MainWindow* self)
     return self->busy;
 }
 
-// udev's news: the status line says what came and went.
+// udev's news: the status line says what came and went. An exchange cut short
+// by an unplug has said the same words already, with its mark; udev's event
+// may come after it, and then adds nothing.
+static void show_news(MainWindow* self, Outcome news, const Printer* p)
+{
+    const std::string sentence = status_sentence(news, printer_name(p->serial, p->vid, p->pid));
+    if (sentence != status_line_get_text(self->ctl_status))
+        status_line_show(self->ctl_status, Mark::None, sentence);
+}
+
 static void main_window_on_printer_added(PrinterList* list, const Printer* p, MainWindow* self)
 {
     (void)list;
-    status_line_show(self->ctl_status, Mark::None, status_sentence(Outcome::Connected, printer_name(p->serial, p->vid, p->pid)));
+    show_news(self, Outcome::Connected, p);
 }
 
 static void main_window_on_printer_removed(PrinterList* list, const Printer* p, MainWindow* self)
 {
     (void)list;
-    status_line_show(self->ctl_status, Mark::None, status_sentence(Outcome::Disconnected, printer_name(p->serial, p->vid, p->pid)));
+    show_news(self, Outcome::Disconnected, p);
 }
 
-// Entries whose text Save would send as 0.0.0.0 show a warning; an empty one does not.
-static void on_address_changed(GtkEntry* entry, gpointer user_data)
+// Each entry shows what the check says of it, to the eye (the icon and its
+// tooltip) and to a screen reader (the entry's description); any edit of the
+// page can change what is said of every entry.
+static void mark_entries(MainWindow* self)
 {
-    (void)user_data;
-    const gchar* text = gtk_entry_get_text(entry);
-    const bool mark = text[0] != '\0' && !is_ipv4(text);
-    gtk_entry_set_icon_from_icon_name(entry, GTK_ENTRY_ICON_SECONDARY, mark ? "dialog-warning" : NULL);
-    gtk_entry_set_icon_tooltip_text(entry, GTK_ENTRY_ICON_SECONDARY,
-                                    mark ? _("Not an IPv4 address: Save sends 0.0.0.0") : NULL);
+    const NetFindings findings = check_page(self);
+    for (size_t i = 0; i < findings.entries.size(); ++i) {
+        const auto& f = findings.entries[i];
+        GtkEntry* entry = entry_of(self, i);
+        const char* icon = !f ? NULL : f->level == Level::Error ? "dialog-error" : "dialog-warning";
+        gtk_entry_set_icon_from_icon_name(entry, GTK_ENTRY_ICON_SECONDARY, icon);
+        gtk_entry_set_icon_tooltip_text(entry, GTK_ENTRY_ICON_SECONDARY, f ? f->sentence.c_str() : NULL);
+        atk_object_set_description(gtk_widget_get_accessible(GTK_WIDGET(entry)), f ? f->sentence.c_str() : "");
+    }
 }
 
 // The window is gated by the password: one attempt, and a wrong one ends the program.
@@ -452,14 +480,20 @@ static void main_window_init(MainWindow* self)
     g_object_unref(renderer);
 
     for (GtkEntry* entry : {self->ctl_addr, self->ctl_subnet, self->ctl_gateway})
-        g_signal_connect(entry, "changed", G_CALLBACK(on_address_changed), NULL);
+        g_signal_connect_swapped(entry, "changed", G_CALLBACK(mark_entries), self);
+    g_signal_connect_swapped(self->ctl_dhcp, "toggled", G_CALLBACK(mark_entries), self);
+    mark_entries(self);
 
     self->closing = g_cancellable_new();
     PrinterList* printers = printer_chooser_get_printers(self->ctl_printer);
     g_signal_connect_object(printers, "added", G_CALLBACK(main_window_on_printer_added), self, static_cast<GConnectFlags>(0));
     g_signal_connect_object(printers, "removed", G_CALLBACK(main_window_on_printer_removed), self, static_cast<GConnectFlags>(0));
-    if (printer_list_get_printers(printers)->empty())
-        status_line_show(self->ctl_status, Mark::None, status_sentence(Outcome::NoPrinter, ""));
+    if (printer_list_get_printers(printers)->empty()) {
+        ExchangeRequest request;
+        printer_chooser_fill_request(self->ctl_printer, request);
+        const ExchangeResult none = exchange_no_printer(request);
+        status_line_show(self->ctl_status, Mark::None, status_sentence(none.failure, none.printer, none.text));
+    }
 }
 
 MainWindow* main_window_new(void)
