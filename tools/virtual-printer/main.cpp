@@ -9,8 +9,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <iostream>
 #include <sstream>
 #include <string>
@@ -37,6 +39,18 @@ static const char usage_text[] =
     "                        say); with --busy, the driver that holds it\n"
     "  --interface=N         interface number of the printer interface (default 0)\n"
     "  --endpoints=LIST      endpoint addresses in hex, e.g. 01,82 (default)\n"
+    "Any device:\n"
+    "  --descriptors=HEX|@FILE  the printers' own descriptors: the device descriptor\n"
+    "                        followed by the full configuration descriptor, in hex\n"
+    "                        (in FILE: hex text); the options above but --vid,\n"
+    "                        --pid, --driver and --unopenable then do not apply\n"
+    "  --string=INDEX:TEXT   with --descriptors, string descriptor INDEX; an index\n"
+    "                        not given is refused, as is one given by\n"
+    "  --refuse-string=INDEX  the device refuses string INDEX (the request stalls)\n"
+    "  --corpus=FILE         every device of FILE (one JSON object a line, as in\n"
+    "                        tests/data/printers.jsonl), attached at once, in place\n"
+    "                        of the virtual printer unless --printers is given\n"
+    "  --device=NAME         with --corpus, only the device named NAME (repeatable)\n"
     "Firmware:\n"
     "  --netcfg=HEX          the 13-byte network configuration\n"
     "  --job-log=LIST        the job log, comma-separated Unix times\n"
@@ -86,11 +100,44 @@ static Bytes hex_option(const char* text, const char* what)
     return b;
 }
 
+// TEXT itself, or the contents of the file it names after an @.
+static std::string read_argument(const char* text)
+{
+    if (text[0] != '@')
+        return text;
+    std::ifstream in(text + 1);
+    std::stringstream content;
+    content << in.rdbuf();
+    if (!in)
+        fail(std::string("cannot read ") + (text + 1));
+    return content.str();
+}
+
+// The devices of a corpus file: all of them, or those named, in that order.
+static std::vector<DeviceSpec> corpus_devices(const std::string& path, const std::vector<std::string>& names)
+{
+    std::vector<DeviceSpec> out;
+    const std::vector<CorpusDevice> all = load_corpus(path);
+    for (const CorpusDevice& c : all)
+        if (names.empty())
+            out.push_back(c.device);
+    for (const std::string& name : names) {
+        auto it = std::find_if(all.begin(), all.end(), [&](const CorpusDevice& c) { return c.name == name; });
+        if (it == all.end())
+            throw std::runtime_error("no device named '" + name + "' in " + path);
+        out.push_back(it->device);
+    }
+    if (out.empty())
+        throw std::runtime_error(path + " holds no device");
+    return out;
+}
+
 int main(int argc, char** argv)
 {
     enum { O_PRINTERS = 256, O_NODEV, O_OTHER, O_HOSTILE, O_UNOPEN, O_VID, O_PID, O_SERIAL, O_NOSERIAL, O_ITF,
            O_EPS, O_NETCFG, O_JOBLOG, O_DEVID, O_STATUS, O_REPLY, O_NOREPLY, O_STALL, O_OVERFLOW, O_BUSY,
-           O_UNPLUG, O_RECORD, O_PRODUCT, O_NOACCEPT, O_HOTPLUG, O_RECSERIAL, O_DRIVER };
+           O_UNPLUG, O_RECORD, O_PRODUCT, O_NOACCEPT, O_HOTPLUG, O_RECSERIAL, O_DRIVER,
+           O_DESCRIPTORS, O_STRING, O_REFUSE, O_CORPUS, O_DEVICE };
     static const option options[] = {
         {"printers", required_argument, nullptr, O_PRINTERS}, {"no-device", no_argument, nullptr, O_NODEV},
         {"other", required_argument, nullptr, O_OTHER},       {"hostile", required_argument, nullptr, O_HOSTILE},
@@ -106,19 +153,23 @@ int main(int argc, char** argv)
         {"product", required_argument, nullptr, O_PRODUCT},   {"no-accept", optional_argument, nullptr, O_NOACCEPT},
         {"hotplug", required_argument, nullptr, O_HOTPLUG},   {"record-serial", no_argument, nullptr, O_RECSERIAL},
         {"driver", required_argument, nullptr, O_DRIVER},
+        {"descriptors", required_argument, nullptr, O_DESCRIPTORS}, {"string", required_argument, nullptr, O_STRING},
+        {"refuse-string", required_argument, nullptr, O_REFUSE}, {"corpus", required_argument, nullptr, O_CORPUS},
+        {"device", required_argument, nullptr, O_DEVICE},
         {"quiet", no_argument, nullptr, 'q'},                 {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0}};
 
     Scene scene;
     DeviceSpec printer;
     unsigned long printers = 1, others = 0, hotplug = 1;
-    bool no_device = false, quiet = false, serial_given = false;
-    std::string hostile;
+    bool no_device = false, quiet = false, serial_given = false, printers_given = false;
+    std::string hostile, corpus;
+    std::vector<std::string> picked;
 
     int c;
     while ((c = getopt_long(argc, argv, "+qh", options, nullptr)) != -1) {
         switch (c) {
-        case O_PRINTERS: printers = number(optarg, 10, 16, "--printers"); break;
+        case O_PRINTERS: printers = number(optarg, 10, 16, "--printers"); printers_given = true; break;
         case O_NODEV: no_device = true; break;
         case O_OTHER: others = number(optarg, 10, 16, "--other"); break;
         case O_HOSTILE:
@@ -170,15 +221,44 @@ int main(int argc, char** argv)
         case O_HOTPLUG: hotplug = number(optarg, 10, 16, "--hotplug"); break;
         case O_RECSERIAL: scene.record_serial = true; break;
         case O_DRIVER: printer.driver = optarg; break;
+        case O_DESCRIPTORS:
+            printer.descriptors = hex_option(read_argument(optarg).c_str(), "--descriptors");
+            if (printer.descriptors.empty())
+                fail("--descriptors takes at least one byte");
+            break;
+        case O_STRING: {
+            const char* colon = strchr(optarg, ':');
+            if (!colon)
+                fail("--string takes INDEX:TEXT");
+            const std::string index(optarg, static_cast<size_t>(colon - optarg));
+            printer.strings[static_cast<uint8_t>(number(index.c_str(), 0, 255, "--string index"))] = std::string(colon + 1);
+            break;
+        }
+        case O_REFUSE: printer.strings[static_cast<uint8_t>(number(optarg, 0, 255, "--refuse-string"))] = std::nullopt; break;
+        case O_CORPUS: corpus = optarg; break;
+        case O_DEVICE: picked.push_back(optarg); break;
         case 'q': quiet = true; break;
         case 'h': std::cout << usage_text; return 0;
         default: fail("unknown option");
         }
     }
+    std::vector<DeviceSpec> from_corpus;
+    if (!corpus.empty()) {
+        try {
+            from_corpus = corpus_devices(corpus, picked);
+        } catch (const std::exception& e) {
+            fail(e.what());
+        }
+        if (!printers_given)
+            printers = 0;
+    } else if (!picked.empty()) {
+        fail("--device takes a device of the --corpus file");
+    }
     if (optind >= argc)
         fail("no command given: put it after --, e.g. virtual-printer -- pellavoy");
-    if (printers > 0 && (hotplug < 1 || hotplug > printers))
-        fail("--hotplug takes the number of one of the printers, 1 to " + std::to_string(printers));
+    const size_t plugged = from_corpus.size() + printers;  // the devices --hotplug counts
+    if (plugged > 0 && (hotplug < 1 || hotplug > plugged))
+        fail("--hotplug takes the number of one of the printers, 1 to " + std::to_string(plugged));
 
     try {
         reexec_under_wrapper(argv);
@@ -201,6 +281,7 @@ int main(int argc, char** argv)
             other.serial = "KB" + std::to_string(i + 1);
             scene.devices.push_back(other);
         }
+        scene.devices.insert(scene.devices.end(), from_corpus.begin(), from_corpus.end());
         for (unsigned long i = 0; i < printers; ++i) {
             DeviceSpec p = printer;
             if (!serial_given)
@@ -226,7 +307,7 @@ int main(int argc, char** argv)
         Testbed bed(scene);
         if (!quiet)
             std::cerr << "virtual-printer: emulating " << bed.describe() << std::endl;
-        const size_t hotplugged = printers > 0 ? scene.devices.size() - printers + (hotplug - 1) : 0;
+        const size_t hotplugged = plugged > 0 ? scene.devices.size() - plugged + (hotplug - 1) : 0;
 
         const pid_t child = fork();
         if (child < 0)

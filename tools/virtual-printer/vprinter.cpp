@@ -28,14 +28,6 @@ const uint8_t esc_netcfg[] = {0x1B, 0x5E, 0x49, 0x53};
 const uint8_t log_prefix[] = {0x1B, 0x1D, 0x1E, 0x10};
 const uint8_t log_trailer[] = {0x1B, 0x1D, 0x1F};
 
-const char* const manufacturer_text = "Virtual Printers";
-
-void put16(Bytes& b, uint16_t v)
-{
-    b.push_back(static_cast<uint8_t>(v));
-    b.push_back(static_cast<uint8_t>(v >> 8));
-}
-
 void put32(Bytes& b, uint32_t v)
 {
     for (int i = 0; i < 4; ++i)
@@ -45,83 +37,6 @@ void put32(Bytes& b, uint32_t v)
 uint32_t get32(const uint8_t* p)
 {
     return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
-}
-
-Bytes interface_desc(uint8_t number, uint8_t cls, const Bytes& endpoints, uint8_t ep_type)
-{
-    // Subclass 1; protocol 2 (bidirectional) for a printer, 1 (keyboard) otherwise.
-    Bytes d = {9, 4, number, 0, static_cast<uint8_t>(endpoints.size()), cls, 1, uint8_t(cls == 7 ? 2 : 1), 0};
-    for (uint8_t ep : endpoints) {
-        const Bytes e = {7, 5, ep, ep_type, 0x00, 0x02, 0};
-        d.insert(d.end(), e.begin(), e.end());
-    }
-    return d;
-}
-
-// Device descriptor followed by the one configuration, as sysfs shows them.
-Bytes descriptors(const DeviceSpec& setup)
-{
-    Bytes d = {18, 1, 0x00, 0x02, 0, 0, 0, 64};
-    put16(d, setup.vid);
-    put16(d, setup.pid);
-    put16(d, 0x0100);
-    d.push_back(1);
-    d.push_back(setup.product.empty() ? 0 : 2);
-    d.push_back(setup.serial.empty() ? 0 : 3);
-    d.push_back(1);
-
-    Bytes interfaces;
-    uint8_t count = 1;
-    switch (setup.kind) {
-    case Kind::Printer:
-        interfaces = interface_desc(setup.interface_number, 7, setup.endpoints, 2);
-        break;
-    case Kind::NoEndpoint:
-        interfaces = interface_desc(setup.interface_number, 7, {}, 2);
-        break;
-    case Kind::NoInterface:
-        count = 0;
-        break;
-    case Kind::Other: {
-        interfaces = interface_desc(0, 3, {0x83}, 3);
-        const Bytes printer = interface_desc(1, 7, {0x04, 0x85}, 2);
-        interfaces.insert(interfaces.end(), printer.begin(), printer.end());
-        count = 2;
-        break;
-    }
-    }
-    Bytes cfg = {9, 2};
-    put16(cfg, static_cast<uint16_t>(9 + interfaces.size()));
-    cfg.insert(cfg.end(), {count, 1, 0, 0xC0, 50});
-    d.insert(d.end(), cfg.begin(), cfg.end());
-    d.insert(d.end(), interfaces.begin(), interfaces.end());
-    return d;
-}
-
-struct InterfaceInfo {
-    unsigned number;
-    unsigned cls;
-    unsigned endpoints;
-};
-
-// The interfaces as sysfs lists them; matches descriptors() below.
-std::vector<InterfaceInfo> interface_list(const DeviceSpec& setup)
-{
-    switch (setup.kind) {
-    case Kind::Printer: return {{setup.interface_number, 7, unsigned(setup.endpoints.size())}};
-    case Kind::NoEndpoint: return {{setup.interface_number, 7, 0}};
-    case Kind::NoInterface: return {};
-    case Kind::Other: return {{0, 3, 1}, {1, 7, 2}};
-    }
-    return {};
-}
-
-Bytes string_desc(const std::string& text)
-{
-    Bytes d = {static_cast<uint8_t>(2 + 2 * text.size()), 3};
-    for (char c : text)
-        put16(d, static_cast<uint8_t>(c));
-    return d;
 }
 
 struct Device;
@@ -150,6 +65,10 @@ namespace {
 struct Device {
     Testbed::State* bed;
     DeviceSpec setup;
+    Bytes raw;      // what the device returns for GET_DESCRIPTOR
+    Layout layout;  // what the kernel makes of it
+    std::map<uint8_t, std::optional<std::string>> strings;
+    std::map<uint8_t, uint8_t> alternate;  // interface number -> its current alternate setting
     Firmware fw;
     std::string name;      // sysfs name: the USB port, kept across re-plugging
     unsigned devnum = 0;   // a new one each time the device is plugged in
@@ -163,7 +82,9 @@ struct Device {
     std::vector<UMockdevIoctlData*> pending_out;  // OUT URBs the printer does not take
     std::deque<UMockdevIoctlData*> ready;        // finished URBs, waiting to be reaped
     size_t replies_given = 0;
+    std::vector<UMockdevIoctlData*> pending_int;  // interrupt IN URBs: they NAK until discarded
     bool gone = false;
+    bool enumerated = false;  // the kernel could read its descriptors
 
     usbdevfs_urb* urb_of(UMockdevIoctlData* d) { return reinterpret_cast<usbdevfs_urb*>(d->data); }
 
@@ -229,19 +150,26 @@ struct Device {
         finish(urb_data, reply.size() > capacity ? -EOVERFLOW : 0, static_cast<int>(n));
     }
 
+    // A string the device has; nothing when it refuses it.
+    std::optional<std::string> text(uint8_t index) const
+    {
+        const auto it = strings.find(index);
+        return it == strings.end() ? std::nullopt : it->second;
+    }
+
+    std::string serial() const { return layout.serial ? text(layout.serial).value_or("") : ""; }
+
     std::optional<Bytes> control_reply(const ControlRequest& c)
     {
-        if (c.request_type == 0x80 && c.request == 6 && (c.value >> 8) == 3) {
-            switch (c.value & 0xFF) {
-            case 0: return Bytes{4, 3, 0x09, 0x04};
-            case 1: return string_desc(manufacturer_text);
-            case 2:
-                if (!setup.product.empty())
-                    return string_desc(setup.product);
-                break;
+        if (c.request_type == 0x80 && c.request == 6) {
+            switch (c.value >> 8) {
+            case 1: return layout.device;
+            case 2: return layout.config;
             case 3:
-                if (!setup.serial.empty())
-                    return string_desc(setup.serial);
+                if ((c.value & 0xFF) == 0 && !strings.count(0))
+                    return Bytes{4, 3, 0x09, 0x04};
+                if (const std::optional<std::string> t = text(c.value & 0xFF))
+                    return string_descriptor(*t);
                 break;
             default: break;
             }
@@ -312,7 +240,7 @@ struct Device {
             const Bytes frame(buf, buf + (buf ? urb->buffer_length : 0));
             bed->frames.push_back(to_hex(frame.data(), frame.size()));
             if (bed->record.is_open())
-                bed->record << (bed->record_serial ? setup.serial + " " : "") << bed->frames.back() << std::endl;
+                bed->record << (bed->record_serial ? serial() + " " : "") << bed->frames.back() << std::endl;
             if (bed->faults.stall_out) {
                 finish(urb_data, -EPIPE, 0);
             } else {
@@ -333,11 +261,13 @@ struct Device {
         claimed = 0;  // the kernel forgets the claims of a device that is gone
         // The kernel ends what was pending with a bus error (libusb: an I/O
         // error), and refuses new transfers with ENODEV.
-        for (auto* pending : {&pending_in, &pending_out}) {
+        for (auto* pending : {&pending_in, &pending_out, &pending_int}) {
             for (UMockdevIoctlData* urb_data : *pending)
                 finish(urb_data, -EPROTO, 0);
             pending->clear();
         }
+        if (!enumerated)
+            return;
         // umockdev sends no uevents on removal; the kernel sends the
         // interfaces' before the device's.
         for (auto it = interfaces.rbegin(); it != interfaces.rend(); ++it)
@@ -367,9 +297,23 @@ struct Device {
         if (!umockdev_testbed_attach_ioctl(bed->testbed, devnode.c_str(), handler, &error))
             fail_with(error);
 
-        const Bytes d = descriptors(setup);
-        char ids[64];
-        snprintf(ids, sizeof ids, "A: idVendor=%04x\\n\nA: idProduct=%04x\\n\n", setup.vid, setup.pid);
+        alternate.clear();
+        enumerated = layout.device.size() == 18 && !layout.config.empty();
+        if (!enumerated) {
+            gone = false;
+            return;  // the kernel gives up on a device whose descriptors it cannot read
+        }
+        const std::string classes = usb_interfaces(raw);
+        // sysfs shows the device descriptor and the configuration as the kernel
+        // read it: no more than wTotalLength.
+        Bytes d = layout.device;
+        d.insert(d.end(), layout.config.begin(), layout.config.end());
+        char attrs[256];
+        snprintf(attrs, sizeof attrs,
+                 "A: idVendor=%04x\\n\nA: idProduct=%04x\\n\nA: bDeviceClass=%02x\\n\n"
+                 "A: bNumInterfaces=%2zu\\n\nA: bConfigurationValue=%u\\n\n",
+                 layout.vid, layout.pid, layout.device_class, layout.interfaces().size(),
+                 layout.configuration_value);
         std::ostringstream rec;
         rec << "P: /devices/" << name << "\n"
             << "N: " << node << "\n"
@@ -377,24 +321,29 @@ struct Device {
             << "E: DEVNUM=" << (node + 12) << "\n"
             << "E: DEVNAME=" << devnode << "\n"
             << "E: DEVTYPE=usb_device\n"
-            << "A: bConfigurationValue=1\\n\nA: busnum=1\\n\n"
-            << "A: devnum=" << devnum << "\\n\nA: speed=480\\n\n" << ids;
-        if (!setup.product.empty())
-            rec << "A: product=" << setup.product << "\\n\n";
-        if (!setup.serial.empty())
-            rec << "A: serial=" << setup.serial << "\\n\n";
-        rec << "H: descriptors=" << to_hex(d.data(), d.size()) << "\n";
+            << (classes.empty() ? "" : "E: ID_USB_INTERFACES=" + classes + "\n")
+            << "A: busnum=1\\n\n"
+            << "A: devnum=" << devnum << "\\n\nA: speed=" << setup.speed_mbps << "\\n\n" << attrs
+            << string_attr("manufacturer", layout.manufacturer) << string_attr("product", layout.product)
+            << string_attr("serial", layout.serial)
+            << "H: descriptors=" << to_hex(d.data(), d.size()) << "\n";
         add(rec.str());
 
-        // One child per interface, for whoever asks udev rather than the device.
-        for (const InterfaceInfo& itf : interface_list(setup)) {
-            char text[256];
-            snprintf(text, sizeof text,
-                     "P: /devices/%s/%s:1.%u\nE: SUBSYSTEM=usb\nE: DEVTYPE=usb_interface\n"
-                     "A: bInterfaceNumber=%02x\\n\nA: bInterfaceClass=%02x\\n\nA: bNumEndpoints=%02x\\n\n",
-                     name.c_str(), name.c_str(), itf.number, itf.number, itf.cls, itf.endpoints);
-            add(text);
-            interfaces.push_back(syspath + "/" + name + ":1." + std::to_string(itf.number));
+        // One child per interface in its first setting, for whoever asks udev
+        // rather than the device.
+        const std::string prefix = name + ":" + std::to_string(layout.configuration_value) + ".";
+        for (uint8_t number : layout.interfaces()) {
+            const AltSetting& itf = *layout.first(number);
+            alternate[number] = itf.alternate;
+            std::ostringstream child;
+            child << "P: /devices/" << name << "/" << prefix << unsigned(number) << "\n"
+                  << "E: SUBSYSTEM=usb\nE: DEVTYPE=usb_interface\n"
+                  << "E: INTERFACE=" << unsigned(itf.cls) << "/" << unsigned(itf.subclass) << "/"
+                  << unsigned(itf.protocol) << "\n"
+                  << (classes.empty() ? "" : "E: ID_USB_INTERFACES=" + classes + "\n")
+                  << setting_attrs(itf) << string_attr("interface", itf.string);
+            add(child.str());
+            interfaces.push_back(syspath + "/" + prefix + std::to_string(number));
             if (itf.cls == 7 && !driver().empty())
                 umockdev_testbed_set_attribute_link(bed->testbed, interfaces.back().c_str(), "driver",
                                                     ("../../../bus/usb/drivers/" + driver()).c_str());
@@ -410,6 +359,31 @@ struct Device {
                 unlink(path.c_str());
         }
         gone = false;
+    }
+
+    // The attributes of an interface's current setting, as sysfs prints them.
+    static std::string setting_attrs(const AltSetting& s)
+    {
+        char text[200];
+        snprintf(text, sizeof text,
+                 "A: bInterfaceNumber=%02x\\n\nA: bAlternateSetting=%2d\\n\nA: bInterfaceClass=%02x\\n\n"
+                 "A: bInterfaceSubClass=%02x\\n\nA: bInterfaceProtocol=%02x\\n\nA: bNumEndpoints=%02zx\\n\n",
+                 s.number, s.alternate, s.cls, s.subclass, s.protocol, s.endpoints.size());
+        return text;
+    }
+
+    // A string attribute as the kernel shows it: read once at enumeration,
+    // absent when the device refuses it (or its languages) or it is empty.
+    std::string string_attr(const char* attr, uint8_t index) const
+    {
+        if (index == 0 || (strings.count(0) && !text(0)))
+            return "";
+        const std::optional<std::string> t = text(index);
+        if (!t || t->empty())
+            return "";
+        const std::string value = *t + "\n";
+        return std::string("H: ") + attr + "=" +
+               to_hex(reinterpret_cast<const uint8_t*>(value.data()), value.size()) + "\n";
     }
 
     // As sysfs shows it: a program that claimed the interface through usbfs
@@ -430,6 +404,84 @@ struct Device {
         throw std::runtime_error("umockdev: " + msg);
     }
 
+    // The first unsigned int that an ioctl's argument points to.
+    static unsigned first_word(UMockdevIoctlData* arg)
+    {
+        UMockdevIoctlData* d = umockdev_ioctl_data_resolve(arg, 0, sizeof(unsigned), nullptr);
+        const unsigned v = d ? *reinterpret_cast<const unsigned*>(d->data) : ~0u;
+        if (d)
+            g_object_unref(d);
+        return v;
+    }
+
+    // Why usbfs would not claim interface NUMBER: 0 when it would.
+    int claim_error(unsigned number) const
+    {
+        if (gone)
+            return ENODEV;
+        if (number >= 32)
+            return EINVAL;
+        if (!layout.first(number))
+            return ENOENT;
+        return bed->faults.busy ? EBUSY : 0;
+    }
+
+    uint8_t current(uint8_t number) const
+    {
+        const auto it = alternate.find(number);
+        return it == alternate.end() ? 0 : it->second;
+    }
+
+    // Makes ALT the current setting of interface NUMBER, and sysfs show it.
+    void select(unsigned number, uint8_t alt)
+    {
+        const AltSetting* s = layout.find(number, alt);
+        if (!s || current(s->number) == alt)
+            return;
+        alternate[s->number] = alt;
+        const std::string suffix = "." + std::to_string(number);
+        for (const std::string& path : interfaces) {
+            if (path.size() < suffix.size() || path.compare(path.size() - suffix.size(), suffix.size(), suffix) != 0)
+                continue;
+            std::istringstream attrs(setting_attrs(*s));
+            std::string line;
+            while (std::getline(attrs, line)) {  // "A: name=value\n"
+                const size_t eq = line.find('=');
+                umockdev_testbed_set_attribute(bed->testbed, path.c_str(), line.substr(3, eq - 3).c_str(),
+                                               (line.substr(eq + 1, line.size() - eq - 3) + "\n").c_str());
+            }
+        }
+    }
+
+    // The endpoint a bulk or interrupt URB goes to, as usbfs finds it: an
+    // address no setting declares, or one that its interface's current
+    // setting does not have, is refused; so is one that the claim of its
+    // interface fails for. Returns the errno, or 0 and the endpoint.
+    int route(uint8_t address, const Endpoint*& found) const
+    {
+        if (address & ~0x8F)
+            return EINVAL;
+        const AltSetting* owner = nullptr;
+        for (const AltSetting& s : layout.settings)
+            for (const Endpoint& e : s.endpoints)
+                if (e.address == address && !owner)
+                    owner = &s;
+        if ((address & 0x0F) == 0)
+            return EINVAL;  // endpoint 0 is the control endpoint
+        if (!owner)
+            return ENOENT;
+        if (const int err = claim_error(owner->number))
+            return err;
+        const AltSetting* now = layout.find(owner->number, current(owner->number));
+        if (now)
+            for (const Endpoint& e : now->endpoints)
+                if (e.address == address) {
+                    found = &e;
+                    return 0;
+                }
+        return ENOENT;
+    }
+
     gboolean handle_ioctl(UMockdevIoctlClient* client)
     {
         std::lock_guard<std::mutex> lock(bed->mutex);
@@ -444,18 +496,44 @@ struct Device {
             return TRUE;
         }
         case USBDEVFS_CLAIMINTERFACE:
-        case USBDEVFS_DISCONNECT_CLAIM:
-            if (gone || bed->faults.busy) {
-                umockdev_ioctl_client_complete(client, -1, gone ? ENODEV : EBUSY);
-            } else {
-                ++claimed;
-                umockdev_ioctl_client_complete(client, 0, 0);
+        case USBDEVFS_DISCONNECT_CLAIM: {
+            const unsigned number = first_word(arg);
+            int err = claim_error(number);
+            if (err == ENOENT && umockdev_ioctl_client_get_request(client) == USBDEVFS_DISCONNECT_CLAIM)
+                err = EINVAL;  // it looks the interface up itself, before claiming
+            claimed += err ? 0 : 1;
+            umockdev_ioctl_client_complete(client, err ? -1 : 0, err);
+            return TRUE;
+        }
+        case USBDEVFS_RELEASEINTERFACE: {
+            const unsigned number = first_word(arg);
+            int err = gone ? ENODEV : number >= 32 ? EINVAL : !layout.first(number) ? ENOENT : 0;
+            if (!err && claimed > 0) {
+                --claimed;
+                // Unbound, an interface goes back to its first setting.
+                select(number, layout.first(number)->alternate);
             }
+            umockdev_ioctl_client_complete(client, err ? -1 : 0, err);
             return TRUE;
-        case USBDEVFS_RELEASEINTERFACE:
-            claimed -= claimed > 0 && !gone ? 1 : 0;
-            umockdev_ioctl_client_complete(client, gone ? -1 : 0, gone ? ENODEV : 0);
+        }
+        case USBDEVFS_SETINTERFACE: {
+            UMockdevIoctlData* d = umockdev_ioctl_data_resolve(arg, 0, sizeof(usbdevfs_setinterface), nullptr);
+            const auto* set = reinterpret_cast<const usbdevfs_setinterface*>(d->data);
+            // The interface is claimed first if it is not yet; the setting must exist.
+            int err = claimed > 0 && !gone && set->interface < 32 && layout.first(set->interface) ? 0
+                                                                                        : claim_error(set->interface);
+            if (!err && !layout.find(set->interface, set->altsetting))
+                err = EINVAL;
+            if (!err) {
+                claimed += claimed > 0 ? 0 : 1;
+                bed->controls.push_back({0x01, 11, static_cast<uint16_t>(set->altsetting),
+                                         static_cast<uint16_t>(set->interface), 0});
+                select(set->interface, static_cast<uint8_t>(set->altsetting));
+            }
+            umockdev_ioctl_client_complete(client, err ? -1 : 0, err);
+            g_object_unref(d);
             return TRUE;
+        }
         case USBDEVFS_IOCTL:
         case USBDEVFS_CLEAR_HALT:
         case USBDEVFS_RESET:
@@ -486,9 +564,19 @@ struct Device {
             if (urb->buffer_length > 0)
                 buffer = umockdev_ioctl_data_resolve(urb_data, offsetof(usbdevfs_urb, buffer),
                                                      static_cast<gsize>(urb->buffer_length), nullptr);
-            if (bed->faults.busy && needs_interface(urb)) {
+            int err = 0;
+            const Endpoint* ep = nullptr;
+            if (urb->type == USBDEVFS_URB_TYPE_CONTROL) {
                 // usbfs claims the interface for the caller and fails as the claim does.
-                umockdev_ioctl_client_complete(client, -1, EBUSY);
+                err = bed->faults.busy && needs_interface(urb) ? EBUSY : 0;
+            } else if (!(err = route(urb->endpoint, ep))) {
+                // A bulk URB to an interrupt endpoint goes as a single interrupt transfer.
+                const bool bulk_ok = urb->type == USBDEVFS_URB_TYPE_BULK && (ep->type() == 2 || ep->type() == 3);
+                const bool int_ok = urb->type == USBDEVFS_URB_TYPE_INTERRUPT && ep->type() == 3;
+                err = bulk_ok || int_ok ? 0 : EINVAL;
+            }
+            if (err) {
+                umockdev_ioctl_client_complete(client, -1, err);
                 if (buffer)
                     g_object_unref(buffer);
                 g_object_unref(urb_data);
@@ -496,10 +584,12 @@ struct Device {
             }
             if (urb->type == USBDEVFS_URB_TYPE_CONTROL)
                 submit_control(urb_data);
-            else if (urb->type == USBDEVFS_URB_TYPE_BULK)
+            else if (ep->type() == 2)
                 submit_bulk(urb_data);
+            else if (urb->endpoint & 0x80)
+                pending_int.push_back(urb_data);  // a status channel: replies never come here
             else
-                finish(urb_data, -EPIPE, 0);
+                finish(urb_data, 0, urb->buffer_length);
             umockdev_ioctl_client_complete(client, 0, 0);
             if (buffer)
                 g_object_unref(buffer);
@@ -522,7 +612,7 @@ struct Device {
         }
         case USBDEVFS_DISCARDURB: {
             const gulong addr = *reinterpret_cast<gulong*>(arg->data);
-            for (auto* pending : {&pending_in, &pending_out}) {
+            for (auto* pending : {&pending_in, &pending_out, &pending_int}) {
                 auto it = std::find_if(pending->begin(), pending->end(),
                                        [addr](UMockdevIoctlData* d) { return d->client_addr == addr; });
                 if (it != pending->end()) {
@@ -546,6 +636,8 @@ struct Device {
         for (UMockdevIoctlData* d : pending_in)
             g_object_unref(d);
         for (UMockdevIoctlData* d : pending_out)
+            g_object_unref(d);
+        for (UMockdevIoctlData* d : pending_int)
             g_object_unref(d);
         for (UMockdevIoctlData* d : ready)
             g_object_unref(d);
@@ -645,6 +737,9 @@ Testbed::Testbed(const Scene& scene) : state_(new State)
         auto dev = std::make_unique<Device>();
         dev->bed = &st;
         dev->setup = scene.devices[i];
+        dev->raw = descriptors_of(dev->setup);
+        dev->layout = walk(dev->raw);
+        dev->strings = strings_of(dev->setup);
         dev->fw = scene.firmware;
         // libusb lists umockdev's devices in reverse order of their sysfs
         // paths; two-digit ports keep that order for up to 90 devices.
@@ -653,11 +748,16 @@ Testbed::Testbed(const Scene& scene) : state_(new State)
         g_signal_connect(dev->handler, "handle-ioctl", G_CALLBACK(on_handle_ioctl), dev.get());
         dev->plug();
 
-        desc << (i ? "; " : "") << kind_name(dev->setup.kind);
+        const bool raw = !dev->setup.descriptors.empty();
+        desc << (i ? "; " : "") << (!dev->setup.name.empty() ? dev->setup.name.c_str() : raw ? "device" : kind_name(dev->setup.kind));
         char ids[32];
-        snprintf(ids, sizeof ids, " %04X:%04X", dev->setup.vid, dev->setup.pid);
+        snprintf(ids, sizeof ids, " %04X:%04X", dev->layout.vid, dev->layout.pid);
         desc << ids;
-        if (dev->setup.kind == Kind::Printer)
+        if (raw && !dev->enumerated)
+            desc << " (descriptors unreadable: not enumerated)";
+        else if (raw)
+            desc << " sn=" << (dev->serial().empty() ? "(none)" : dev->serial());
+        else if (dev->setup.kind == Kind::Printer)
             desc << " sn=" << (dev->setup.serial.empty() ? "(none)" : dev->setup.serial) << " itf="
                  << int(dev->setup.interface_number) << " ep=" << to_hex(dev->setup.endpoints.data(), dev->setup.endpoints.size());
         if (dev->setup.unopenable)
@@ -693,7 +793,7 @@ Firmware Testbed::firmware(size_t printer) const
 {
     std::lock_guard<std::mutex> lock(state_->mutex);
     for (const auto& dev : state_->devices)
-        if (dev->setup.kind == Kind::Printer && printer-- == 0)
+        if ((dev->setup.kind == Kind::Printer || !dev->setup.descriptors.empty()) && printer-- == 0)
             return dev->fw;
     return Firmware();
 }

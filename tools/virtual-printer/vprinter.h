@@ -3,15 +3,17 @@
 // firmware on its usbfs node. Used by the virtual-printer tool and the tests.
 #pragma once
 
+#include "descriptors.h"
+
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace vprinter {
-
-using Bytes = std::vector<uint8_t>;
 
 enum class Kind {
     Printer,      // interface 0 of the printer class with the given endpoints
@@ -30,7 +32,31 @@ struct DeviceSpec {
     uint8_t interface_number = 0;
     Bytes endpoints = {0x01, 0x82};
     bool unopenable = false;
+    // A real device instead: its device descriptor followed by its full
+    // configuration descriptor, exactly the bytes it returns. The kind and the
+    // fields above but vid, pid, driver and unopenable are then unused.
+    Bytes descriptors;
+    // With descriptors: its string descriptors by index; std::nullopt is one
+    // the device refuses (the request stalls), as is an index not listed.
+    std::map<uint8_t, std::optional<std::string>> strings;
+    std::string name;        // how the summary names it; empty: by its kind
+    unsigned speed_mbps = 480;
 };
+
+// The descriptors a device returns and its strings, built from the kind and
+// fields when no raw descriptors are given: the one shape the emulation runs.
+Bytes descriptors_of(const DeviceSpec& spec);
+std::map<uint8_t, std::optional<std::string>> strings_of(const DeviceSpec& spec);
+
+// A device from the corpus of real printers (one JSON object a line: name,
+// category, source, vid, pid, speed_mbps, strings, descriptors).
+struct CorpusDevice {
+    std::string name, category, source;
+    DeviceSpec device;
+};
+// Throws std::runtime_error naming the file and line of what it cannot read.
+std::vector<CorpusDevice> load_corpus(const std::string& path);
+CorpusDevice parse_corpus_line(const std::string& line);
 
 // What the printer keeps between commands.
 struct Firmware {
