@@ -166,6 +166,8 @@ struct Device {
             case 1: return layout.device;
             case 2: return layout.config;
             case 3:
+                if (setup.raw_strings.count(c.value & 0xFF))
+                    return setup.raw_strings.at(c.value & 0xFF);
                 if ((c.value & 0xFF) == 0 && !strings.count(0))
                     return Bytes{4, 3, 0x09, 0x04};
                 if (const std::optional<std::string> t = text(c.value & 0xFF))
