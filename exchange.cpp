@@ -38,8 +38,20 @@ static void open_failure(ExchangeResult& ex, const ExchangeRequest& request, voi
     }
     if (!any)
         fail(ex, Outcome::NotConnected, printer_name(request.chosen.serial, request.chosen.vid, request.chosen.pid));
-    else
+    else {
+        const ExchangeResult none = exchange_no_printer(request);
+        fail(ex, none.failure, none.printer, none.text);
+    }
+}
+
+ExchangeResult exchange_no_printer(const ExchangeRequest& request)
+{
+    ExchangeResult ex;
+    if (request.unusable.empty())
         fail(ex, Outcome::NoPrinter, "");
+    else
+        fail(ex, Outcome::OtherInterface, printer_label(request.unusable[0]), std::to_string(request.unusable[0].itf));
+    return ex;
 }
 
 // An I/O error is what the kernel reports for a transfer cut short by an
@@ -67,8 +79,10 @@ static Outcome transfer_outcome(int code, Outcome timeout, const usb_dev_summary
 }
 
 // The write's result is not looked at before the read: a reply may come all the same.
-static void run_transfer(const void* handle, const Transfer& transfer, TransferResult& result)
+static void run_transfer(const void* handle, const Transfer& transfer, TransferResult& result, bool one_way)
 {
+    if (one_way && transfer.reply_capacity > 0)
+        return;
     result.ran = true;
     usb_handle_write_ex(handle, transfer.frame.data(), transfer.frame.size(), write_timeout_ms, &result.write_code);
     if (transfer.reply_capacity > 0) {
@@ -110,10 +124,11 @@ ExchangeResult exchange_run(const ExchangeRequest& request)
     const void* handle = usb_mgr_open(mgr.get(), index);
     const int claim = usb_mgr_get_claim_result(mgr.get());
     TransferResult& first = ex.transfers[0];
-    run_transfer(handle, request.transfers[0], first);
-    const bool clean = claim == 0 && first.write_code == 0 && first.read_code == 0;
+    const bool one_way = dev.in_ep == 0;
+    run_transfer(handle, request.transfers[0], first, one_way);
+    const bool clean = claim == 0 && first.ran && first.write_code == 0 && first.read_code == 0;
     for (size_t i = 1; clean && i < request.transfers.size(); ++i)
-        run_transfer(handle, request.transfers[i], ex.transfers[i]);
+        run_transfer(handle, request.transfers[i], ex.transfers[i], one_way);
     if (handle != NULL)
         usb_handle_free(handle);
 
@@ -123,6 +138,8 @@ ExchangeResult exchange_run(const ExchangeRequest& request)
         ex.failure = Outcome::Busy;
     else if (claim == LIBUSB_ERROR_NO_DEVICE)
         ex.failure = Outcome::Disconnected;
+    else if (!first.ran)
+        ex.failure = Outcome::NoWayBack;
     else if (first.write_code != 0)
         ex.failure = transfer_outcome(first.write_code, Outcome::WriteTimeout, dev);
     else if (first.read_code != 0)

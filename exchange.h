@@ -16,10 +16,12 @@
 // failures; the pages give the successes.
 enum class Outcome {
     NetcfgRead, NetcfgSent, JobsRead, JobLogEmpty, TimeSent, LogCleared, Connected,
-    NoPrinter, NotConnected, OpenDenied, OpenFailed, Busy, ReadTimeout, WriteTimeout, Disconnected, Failed, LongReply, BadReply,
+    NoPrinter, OtherInterface, NotConnected, NoWayBack, OpenDenied, OpenFailed, Busy, ReadTimeout, WriteTimeout, Disconnected, Failed, LongReply, BadReply,
 };
 
-// One frame, and one reply read after it when reply_capacity is not 0.
+// One frame, and one reply read after it when reply_capacity is not 0. A
+// printer with no way back (no bulk IN endpoint) gets neither: the frame
+// would only ask for what it cannot send.
 struct Transfer {
     std::vector<guint8> frame;
     gsize reply_capacity = 0;
@@ -29,13 +31,14 @@ struct ExchangeRequest {
     std::string port;               // the chosen USB port; empty: the first printer found
     Printer chosen;                 // the printer last seen at port, to name it while it is away
     std::vector<Printer> attached;  // udev's printers at the click, to name one that cannot be opened
+    std::vector<Printer> unusable;  // and the devices whose printer interface is not interface 0
     // The first transfer is the command. The ones after it are follow-ups:
     // they run only when the claim and the first transfer went through.
     std::vector<Transfer> transfers;
 };
 
 struct TransferResult {
-    bool ran = false;
+    bool ran = false;            // false also for a reply the printer has no way to send
     int write_code = 0;          // libusb's; 0 when the frame went out
     int read_code = 0;
     std::vector<guint8> reply;   // reply_capacity bytes, zero-filled behind what came
@@ -50,6 +53,10 @@ struct ExchangeResult {
     std::string text;       // libusb's, for the failures that quote it
     std::vector<TransferResult> transfers;  // one per transfer of the request
 };
+
+// What a click says when no printer is attached: that none is, or which
+// device is there that cannot be used.
+ExchangeResult exchange_no_printer(const ExchangeRequest& request);
 
 // The exchange itself, on the calling thread: it blocks for up to the write
 // and read time-outs of each transfer.

@@ -204,7 +204,9 @@ static void netcfg_saved(MainWindow* self, const Click& click, const ExchangeRes
     std::string text = status_sentence(Outcome::NetcfgSent, ex.printer) + " ";
     bool doubtful = true;
     NetRecord reported;
-    if (back.read_code != 0 || !net_record_parse(back.reply.data(), static_cast<gsize>(back.length), &reported)) {
+    if (!back.ran) {  // the printer has no way back
+        text += _("It cannot report them back: its USB interface only takes data.");
+    } else if (back.read_code != 0 || !net_record_parse(back.reply.data(), static_cast<gsize>(back.length), &reported)) {
         text += _("It did not report them back.");
     } else {
         const std::string others = differences(click.record, reported);
@@ -418,8 +420,12 @@ static void main_window_init(MainWindow* self)
     PrinterList* printers = printer_chooser_get_printers(self->ctl_printer);
     g_signal_connect_object(printers, "added", G_CALLBACK(main_window_on_printer_added), self, static_cast<GConnectFlags>(0));
     g_signal_connect_object(printers, "removed", G_CALLBACK(main_window_on_printer_removed), self, static_cast<GConnectFlags>(0));
-    if (printer_list_get_printers(printers)->empty())
-        status_line_show(self->ctl_status, Mark::None, status_sentence(Outcome::NoPrinter, ""));
+    if (printer_list_get_printers(printers)->empty()) {
+        ExchangeRequest request;
+        printer_chooser_fill_request(self->ctl_printer, request);
+        const ExchangeResult none = exchange_no_printer(request);
+        status_line_show(self->ctl_status, Mark::None, status_sentence(none.failure, none.printer, none.text));
+    }
 }
 
 MainWindow* main_window_new(void)

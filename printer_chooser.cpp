@@ -14,8 +14,7 @@ G_DEFINE_TYPE(PrinterChooser, printer_chooser, GTK_TYPE_COMBO_BOX_TEXT)
 
 static std::string item_label(const Printer& p, const char* mark = NULL)
 {
-    const std::string label = (p.product.empty() ? std::string(_("USB printer")) : p.product) + " (" +
-                              printer_name(p.serial, p.vid, p.pid) + ")";
+    const std::string label = printer_label(p);
     if (mark == NULL)
         return label;
     gchar* text = g_strdup_printf(mark, label.c_str());
@@ -74,6 +73,7 @@ void printer_chooser_fill_request(PrinterChooser* self, ExchangeRequest& request
     request.port = *self->port;
     request.chosen = *self->chosen;
     request.attached = *printer_list_get_printers(self->printers);
+    request.unusable = *printer_list_get_unusable(self->printers);
 }
 
 PrinterList* printer_chooser_get_printers(PrinterChooser* self)

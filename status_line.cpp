@@ -25,7 +25,12 @@ static const Sentence sentences[] = {
     {Outcome::LogCleared, N_("Cleared the job log of printer %s."), NULL},
     {Outcome::Connected, N_("Printer %s connected."), NULL},
     {Outcome::NoPrinter, N_("No USB printer found. Check the cable and that the printer is switched on."), NULL},
+    {Outcome::OtherInterface,
+     N_("No USB printer that Pellavoy can use: %s has its printer interface on interface %s, and Pellavoy uses "
+        "interface 0 only."),
+     NULL},
     {Outcome::NotConnected, N_("Printer %s is not connected."), NULL},
+    {Outcome::NoWayBack, N_("Printer %s cannot answer: its USB interface only takes data."), NULL},
     {Outcome::OpenDenied,
      N_("Printer %s cannot be opened: permission denied. Install the udev rule (see the README) or run as root."),
      NULL},

@@ -8,7 +8,9 @@
 #include <plog/Log.h>
 
 #include <clocale>
+#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <sstream>
 
 using testing_support::Capture;
@@ -103,7 +105,6 @@ TEST_F(UsbMgr, EnumerationListsPrintersAndLogsEverySkip)
     const std::vector<Case> cases = {
         {"no device", {}, 0, {}, {"D:no printer"}},
         {"keyboards only", {of_kind(Kind::Other), of_kind(Kind::Other)}, 0, {}, {"D:not printer, skip", "D:not printer, skip"}},
-        {"keyboard then printer", {of_kind(Kind::Other), printer()}, 0, {"VP0001"}, {"D:not printer, skip", "*"}},
         {"two printers keep the list order", {printer("A1"), printer("B2")}, 0, {"A1", "B2"}, {"*", "*"}},
         {"vendor filter", {printer()}, 0x04B8, {}, {"D:VID is not excepted, skip"}},
         {"vendor filter match", {printer()}, 0x1A2B, {"VP0001"}, {"*"}},
@@ -153,6 +154,117 @@ TEST_F(UsbMgr, EndpointChoiceTakesTheLastOfEachDirection)
     EXPECT_EQ(mgr[0].itf, 3);
     EXPECT_EQ(mgr[0].in_ep, 0x83);
     EXPECT_EQ(mgr[0].out_ep, 0x04);
+}
+
+// The expectations for the corpus of real printers: one row a printer.
+struct Expected {
+    std::string name;
+    bool listed = false;
+    unsigned itf = 0, alt = 0, out_ep = 0, in_ep = 0;
+};
+
+std::vector<Expected> expected_table()
+{
+    std::ifstream in(CORPUS_EXPECTED);
+    std::vector<Expected> rows;
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.empty() || line[0] == '#' || line.rfind("name\t", 0) == 0)
+            continue;
+        std::vector<std::string> cell;
+        std::stringstream cells(line);
+        for (std::string c; std::getline(cells, c, '\t');)
+            cell.push_back(c);
+        Expected e;
+        e.name = cell.at(0);
+        e.listed = cell.at(1) == "yes";
+        e.itf = std::stoul(cell.at(2));
+        if (e.listed) {
+            e.alt = std::stoul(cell.at(3));
+            e.out_ep = std::stoul(cell.at(4), nullptr, 16);
+            e.in_ep = std::stoul(cell.at(5), nullptr, 16);
+        }
+        rows.push_back(e);
+    }
+    return rows;
+}
+
+// Every real printer attached at once: which are listed, the endpoints and
+// setting each record takes, the record line, and one exchange with each,
+// which reaches the firmware only through the right endpoints of the right
+// setting (the emulation refuses the others, and an interrupt IN never answers).
+TEST_F(UsbMgr, CorpusPrinters)
+{
+    const std::vector<vprinter::CorpusDevice> corpus = vprinter::load_corpus(CORPUS);
+    const std::vector<Expected> rows = expected_table();
+    ASSERT_GE(rows.size(), 25u);
+    ASSERT_EQ(rows.size(), corpus.size()) << "one row for each printer of the corpus";
+    Scene scene;
+    for (const vprinter::CorpusDevice& c : corpus)
+        scene.devices.push_back(c.device);
+    Testbed bed(scene);
+    Probe mgr;
+    mgr.enumerate();
+
+    std::vector<std::string> records;
+    size_t skipped = 0;
+    for (const std::string& m : log.messages()) {
+        if (m.rfind("D:vid=", 0) == 0)
+            records.push_back(m);
+        skipped += m == "D:not printer, skip";
+    }
+    size_t rec = 0;
+    for (size_t i = 0; i < rows.size(); ++i) {
+        const Expected& e = rows[i];
+        SCOPED_TRACE(e.name);
+        ASSERT_EQ(e.name, corpus[i].name) << "the rows follow the corpus";
+        if (!e.listed)
+            continue;
+        ASSERT_LT(rec, mgr.size());
+        const UsbDevInfo& d = mgr[rec];
+        EXPECT_EQ(d.vid, corpus[i].device.vid);
+        EXPECT_EQ(d.pid, corpus[i].device.pid);
+        EXPECT_EQ(d.itf, e.itf);
+        EXPECT_EQ(d.alt, e.alt);
+        EXPECT_EQ(d.out_ep, e.out_ep);
+        EXPECT_EQ(d.in_ep, e.in_ep);
+        char text[80];
+        snprintf(text, sizeof text, ",itf=%02X,out_ep=%02X,in_ep=%02X", e.itf, e.out_ep, e.in_ep);
+        char ids[32];
+        snprintf(ids, sizeof ids, "D:vid=%04X,pid=%04X,sn=", d.vid, d.pid);
+        ASSERT_LT(rec, records.size());
+        EXPECT_EQ(records[rec], ids + d.sn + ",hdl=" + hdl_text(d.hdl) + text);
+
+        const void* h = mgr.open(rec);
+        EXPECT_EQ(mgr.claim_result(), 0);
+        EXPECT_EQ(UsbManager::write(h, read_netcfg, 5, 1000), 5);
+        std::vector<char> buf(64, 0);
+        if (e.in_ep != 0) {
+            ASSERT_EQ(UsbManager::read(h, buf, 1000), 13);
+            EXPECT_EQ(vprinter::to_hex(reinterpret_cast<const uint8_t*>(buf.data()), 13), netcfg_hex);
+        }
+        mgr.close();
+        ++rec;
+    }
+    EXPECT_EQ(rec, mgr.size());
+    EXPECT_EQ(skipped, rows.size() - rec);
+}
+
+// A printer with no way back has no IN endpoint: a read is refused before
+// any transfer, with libusb's text for a missing entity.
+TEST_F(UsbMgr, AReadWithoutAnInEndpointIsRefused)
+{
+    DeviceSpec p = printer();
+    p.endpoints = {0x01};
+    Opened o(scene_of({p}));
+    EXPECT_EQ(o.mgr[0].in_ep, 0);
+    log.clear();
+    std::vector<char> buf(64, 0);
+    int code = 0;
+    EXPECT_EQ(UsbManager::read(o.handle, buf, 1000, &code), -1);
+    EXPECT_EQ(code, LIBUSB_ERROR_NOT_FOUND);
+    EXPECT_EQ(o.bed.transfers(), 0);
+    EXPECT_EQ(log.messages(), std::vector<std::string>{"W:Entity not found"});
 }
 
 TEST_F(UsbMgr, SecondEnumerationReleasesTheOldRecords)

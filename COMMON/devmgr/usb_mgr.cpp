@@ -61,6 +61,35 @@ const libusb_interface_descriptor* printer_interface(const usb::Config& cfg)
     return alt;
 }
 
+// The last bulk endpoint of each direction; interrupt endpoints are status
+// channels, never the way for data. A direction without one gives 0.
+void bulk_endpoints(const libusb_interface_descriptor& alt, uint8_t& out_ep, uint8_t& in_ep)
+{
+    out_ep = 0;
+    in_ep = 0;
+    for (uint8_t e = 0; alt.endpoint != nullptr && e < alt.bNumEndpoints; ++e) {
+        const libusb_endpoint_descriptor& ep = alt.endpoint[e];
+        if ((ep.bmAttributes & LIBUSB_TRANSFER_TYPE_MASK) != LIBUSB_TRANSFER_TYPE_BULK)
+            continue;
+        (ep.bEndpointAddress & LIBUSB_ENDPOINT_IN ? in_ep : out_ep) = ep.bEndpointAddress;
+    }
+}
+
+// Another alternate setting of interface 0 that is of the printer class and
+// goes both ways (USB-to-parallel cables, office lasers: setting 0 only takes
+// data); null when there is none.
+const libusb_interface_descriptor* two_way_setting(const usb::Config& cfg)
+{
+    const libusb_interface& itf = cfg->interface[0];
+    for (int a = 1; a < itf.num_altsetting; ++a) {
+        uint8_t out_ep = 0, in_ep = 0;
+        bulk_endpoints(itf.altsetting[a], out_ep, in_ep);
+        if (itf.altsetting[a].bInterfaceClass == LIBUSB_CLASS_PRINTER && out_ep != 0 && in_ep != 0)
+            return &itf.altsetting[a];
+    }
+    return nullptr;
+}
+
 void set_hex_format(std::ios_base& os)
 {
     os.setf(std::ios_base::hex, std::ios_base::basefield);
@@ -71,7 +100,7 @@ void set_hex_format(std::ios_base& os)
 
 // ---- UsbDevInfo -------------------------------------------------------------
 
-UsbDevInfo::UsbDevInfo() : vid(0), pid(0), hdl(nullptr), itf(0), out_ep(0), in_ep(0) {}
+UsbDevInfo::UsbDevInfo() : vid(0), pid(0), hdl(nullptr), itf(0), out_ep(0), in_ep(0), alt(0) {}
 UsbDevInfo::UsbDevInfo(const UsbDevInfo& other) = default;
 UsbDevInfo::~UsbDevInfo() = default;
 
@@ -259,13 +288,11 @@ UsbManager& UsbManager::enumerate()
         dev.sn = usb::get_str_desc(handle, desc.iSerialNumber);
         dev.hdl = handle;
         dev.itf = alt->bInterfaceNumber;
-        // The last endpoint of each direction wins.
-        for (uint8_t e = 0; e < alt->bNumEndpoints; ++e) {
-            const uint8_t addr = alt->endpoint[e].bEndpointAddress;
-            if (addr & LIBUSB_ENDPOINT_IN)
-                dev.in_ep = addr;
-            else
-                dev.out_ep = addr;
+        bulk_endpoints(*alt, dev.out_ep, dev.in_ep);
+        const libusb_interface_descriptor* two_way = dev.in_ep == 0 ? two_way_setting(cfg) : nullptr;
+        if (two_way != nullptr) {  // open() selects it
+            bulk_endpoints(*two_way, dev.out_ep, dev.in_ep);
+            dev.alt = two_way->bAlternateSetting;
         }
         _devs.push_back(dev);
         USB_LOG_HERE(plog::debug) << dev;
@@ -306,9 +333,13 @@ bool UsbManager::place(size_t idx, uint8_t& bus, uint8_t& address) const
 // ---- Selection ------------------------------------------------------------------
 
 // A failed claim still selects the record: the first transfer reports the problem.
+// Releasing the interface puts it back to setting 0 (the kernel does).
 void* UsbManager::open(std::vector<UsbDevInfo>::iterator iter)
 {
-    const int r = libusb_claim_interface(static_cast<libusb_device_handle*>(iter->hdl), iter->itf);
+    libusb_device_handle* handle = static_cast<libusb_device_handle*>(iter->hdl);
+    int r = libusb_claim_interface(handle, iter->itf);
+    if (r == 0 && iter->alt != 0)
+        r = libusb_set_interface_alt_setting(handle, iter->itf, iter->alt);
     _claim_result = r;
     if (r != 0) {
         USB_LOG(plog::warning, open_iter_func) << usb::get_err_msg(r);
@@ -418,7 +449,9 @@ int UsbManager::read(const void* handle, std::vector<char>& buf, size_t timeout,
     *code = LIBUSB_ERROR_INVALID_PARAM;
     if (!is_handle_valid(handle))
         return -1;
-    if (buf.size() > INT_MAX) {
+    if (!(record_of(handle).in_ep & LIBUSB_ENDPOINT_IN))  // a printer that only takes data
+        *code = LIBUSB_ERROR_NOT_FOUND;
+    if (buf.size() > INT_MAX || *code == LIBUSB_ERROR_NOT_FOUND) {
         USB_LOG(plog::warning, read_func) << usb::get_err_msg(*code);
         return -1;
     }
@@ -582,6 +615,7 @@ int usb_mgr_get_record(void* mgr, size_t idx, usb_dev_summary* out)
     out->vid = m[idx].vid;
     out->pid = m[idx].pid;
     out->serial = m[idx].sn.c_str();
+    out->in_ep = m[idx].in_ep;
     return 0;
 }
 
@@ -593,7 +627,7 @@ int usb_mgr_get_open_failure(void* mgr, size_t i, usb_dev_summary* out)
     if (i >= failures.size())
         return 0;
     const UsbManager::OpenFailure& f = failures[i];
-    *out = {f.vid, f.pid, f.bus, f.address, ""};
+    *out = {f.vid, f.pid, f.bus, f.address, "", 0};
     return f.code;
 }
 

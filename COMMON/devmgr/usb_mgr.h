@@ -24,8 +24,9 @@ struct UsbDevInfo {
     std::string name;  // matched by open(name); enumeration leaves it empty
     void* hdl;         // libusb_device_handle*, open while the manager lives
     uint8_t itf;
-    uint8_t out_ep;
-    uint8_t in_ep;
+    uint8_t out_ep;  // bulk; 0 when there is none
+    uint8_t in_ep;   // bulk; 0 when there is none: the printer has no way back
+    uint8_t alt;     // the alternate setting of itf that the endpoints belong to
 
     UsbDevInfo();
     UsbDevInfo(const UsbDevInfo& other);
@@ -166,6 +167,7 @@ struct usb_dev_summary {
     uint8_t bus;
     uint8_t address;
     const char* serial;  // "" when unknown
+    uint8_t in_ep;       // 0: the printer cannot answer (no bulk IN endpoint)
 };
 // Record idx; 0, or -1 when there is no such record.
 int usb_mgr_get_record(void* mgr, size_t idx, struct usb_dev_summary* out);

@@ -30,7 +30,10 @@ class Probe(unittest.TestCase):
         cases = [
             ((), 0, "vid=1A2B,pid=00C4,sn=VP0001" + FIRST + "\n  on USB:      bus 001 device 002\n" + FINE),
             (("--no-device",), 1, "no USB printer found\n"),
-            (("--other", "2", "--printers", "0"), 1, "no USB printer found\n"),
+            # Blanks around the serial number are not part of it.
+            (("--endpoints", "01", "--serial", "  VP 1  "), 0, "vid=1A2B,pid=00C4,sn=VP 1" + FIRST + "\n"
+             "  on USB:      bus 001 device 002\n  cannot answer: its USB interface only takes data. Pellavoy can send "
+             "it\n  settings but cannot read anything back.\n" + FINE),
             (("--printers", "2", "--vid", "04b8", "--device-id", "MFG:X;", "--port-status", "0x20"), 0,
              "vid=04B8,pid=00C4,sn=VP0001" + FIRST + "\n  on USB:      bus 001 device 002\n"
              "  device ID:   MFG:X;\n  port status: 0x20 (paper empty, not selected, error)\n"

@@ -237,18 +237,33 @@ class Outcomes(Case):
             # Pulled out while the window waits for the reply: the kernel's bus error.
             (("--unplug-after", "2", "--no-reply"), "Load", "Printer VP0001 was disconnected.", "Error", [READ_NETCFG],
              "Input/Output Error"),
+            # No way back: nothing is asked that cannot be answered, and the manager has nothing to complain of.
+            (("--endpoints", "01"), "Load", "Printer VP0001 cannot answer: its USB interface only takes data.",
+             "Error", [], None),
+            (("--endpoints", "01"), "Save", SENT + " It cannot report them back: its USB interface only takes data.",
+             "Warning", [SAVE_FRAME], None),
+            (("--endpoints", "01"), "Log", "Printer VP0001 cannot answer: its USB interface only takes data.",
+             "Error", [], None),
         ]
         for options, button, sentence, mark, frames, warning in cases:
             with self.subTest(options=options, button=button):
                 app = self.run_app(*options)
                 for label, text in ((ADDR, "192.168.1.100"), (MASK, "255.255.255.0"), (GW, "192.168.1.1")):
                     app.set_field(label, text)
-                self.assertEqual(app.act(button), sentence)
+                if button == "Log":
+                    app.page("Log")
+                self.assertEqual(app.act("Load" if button == "Log" else button), sentence)
                 self.assertEqual(app.status_mark(), mark)
                 self.assertEqual(app.frames(), frames)
-                self.assertIn(warning, app.stderr_lines())
-                # The log lines are those of a window without a status line.
+                if warning:
+                    self.assertIn(warning, app.stderr_lines())
+                else:  # the manager refuses a read that has no endpoint: none was tried
+                    self.assertNotIn("Entity not found", app.stderr_lines())
+                # The log lines are those of a window without a status line; a read
+                # that did not happen is logged as one that failed.
                 expected = (["[I]main_win:48: saving net config"] if button == "Save" else
+                            ["[I]main_win:65: loading log", "[I]main_win:75: read 2048 bytes",
+                             "[I]main_win:78: 0 records"] if button == "Log" else
                             ["[I]main_win:22: loading net config"] +
                             ([] if options == ("--unopenable",) else ["[I]main_win:31: read 64 bytes"]))
                 self.assertEqual(app.ui_lines(), expected)

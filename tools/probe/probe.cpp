@@ -29,6 +29,7 @@ const char usage_text[] =
     "The printer marked \"first found\" is the one Pellavoy's window uses unless\n"
     "another is chosen. A printer that cannot be used is named with the reason and\n"
     "what to do about it.\n"
+    "A device whose printer interface is not interface 0 is named too.\n"
     "Exit status: 0 when every printer found could be used, 1 when no printer was\n"
     "found or none could be opened, 2 when USB could not be used at all, 3 when a\n"
     "printer was found that another program or driver holds.\n";
@@ -69,23 +70,60 @@ std::vector<std::string> entries(const std::string& path)
     return names;
 }
 
+const char sysfs_devices[] = "/sys/bus/usb/devices/";
+
+// The device's sysfs name ("1-4"); empty when sysfs does not show it.
+std::string sysfs_name(uint8_t bus, uint8_t address)
+{
+    for (const std::string& device : entries(sysfs_devices))
+        if (device.find(':') == std::string::npos &&
+            read_line(sysfs_devices + device + "/busnum") == std::to_string(bus) &&
+            read_line(sysfs_devices + device + "/devnum") == std::to_string(address))
+            return device;
+    return "";
+}
+
 // The kernel driver bound to one of the device's interfaces, from sysfs
 // ("usbfs" when a program holds it through libusb); empty when none is.
 std::string bound_driver(uint8_t bus, uint8_t address)
 {
-    const std::string root = "/sys/bus/usb/devices/";
-    const std::vector<std::string> names = entries(root);
-    for (const std::string& device : names) {
-        if (device.find(':') != std::string::npos || read_line(root + device + "/busnum") != std::to_string(bus) ||
-            read_line(root + device + "/devnum") != std::to_string(address))
-            continue;
-        for (const std::string& itf : names) {
-            char target[PATH_MAX] = {0};
-            if (itf.rfind(device + ":", 0) == 0 && readlink((root + itf + "/driver").c_str(), target, sizeof target - 1) > 0)
-                return strrchr(target, '/') != nullptr ? strrchr(target, '/') + 1 : target;
-        }
+    const std::string device = sysfs_name(bus, address);
+    for (const std::string& itf : entries(sysfs_devices)) {
+        char target[PATH_MAX] = {0};
+        if (!device.empty() && itf.rfind(device + ":", 0) == 0 &&
+            readlink((sysfs_devices + itf + "/driver").c_str(), target, sizeof target - 1) > 0)
+            return strrchr(target, '/') != nullptr ? strrchr(target, '/') + 1 : target;
     }
     return "";
+}
+
+// Without the blanks that some devices pad their strings with.
+std::string trimmed(const std::string& text)
+{
+    const size_t first = text.find_first_not_of(" \t");
+    return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+// As the window's chooser names a device: product (serial), from sysfs.
+std::string chooser_name(uint8_t bus, uint8_t address, uint16_t vid, uint16_t pid)
+{
+    const std::string device = sysfs_devices + sysfs_name(bus, address);
+    const std::string product = trimmed(read_line(device + "/product"));
+    const std::string serial = trimmed(read_line(device + "/serial"));
+    return (product.empty() ? "USB printer" : product) + " (" + (serial.empty() ? ids(vid, pid) : serial) + ")";
+}
+
+// The number of a printer-class interface other than interface 0, or -1.
+int other_printer_interface(libusb_device* device)
+{
+    usb::Config cfg(device);
+    for (int i = 0; cfg.get() != nullptr && cfg->interface != nullptr && i < cfg->bNumInterfaces; ++i)
+        for (int a = 0; a < cfg->interface[i].num_altsetting; ++a) {
+            const libusb_interface_descriptor& alt = cfg->interface[i].altsetting[a];
+            if (alt.bInterfaceNumber != 0 && alt.bInterfaceClass == LIBUSB_CLASS_PRINTER)
+                return alt.bInterfaceNumber;
+        }
+    return -1;
 }
 
 std::string holder(uint8_t bus, uint8_t address)
@@ -109,8 +147,9 @@ std::string open_advice(int code)
 class Probe : public UsbManager {
 public:
     // The short description text, made narrow for the console.
-    static std::string describe(const UsbDevInfo& dev)
+    static std::string describe(UsbDevInfo dev)
     {
+        dev.sn = trimmed(dev.sn);
         std::wostringstream text;
         text << dev;
         std::string narrow = wcstombs(text.str());
@@ -127,9 +166,15 @@ public:
             const UsbDevInfo& dev = (*this)[i];
             uint8_t bus = 0, address = 0;
             place(i, bus, address);
-            std::cout << describe(dev) << (dev.sn.empty() ? " (no serial number)" : "")
+            std::cout << describe(dev) << (trimmed(dev.sn).empty() ? " (no serial number)" : "")
                       << (i == 0 ? "  [first found: the window uses it unless another is chosen]" : "") << "\n"
                       << "  on USB:      " << bus_place(bus, address) << "\n";
+            if (dev.alt != 0)
+                std::cout << "  interface:   " << int(dev.itf) << ", alternate setting " << int(dev.alt)
+                          << " (setting 0 only takes data)\n";
+            if (dev.in_ep == 0)
+                std::cout << "  cannot answer: its USB interface only takes data. Pellavoy can send it\n"
+                             "  settings but cannot read anything back.\n";
             const void* handle = open(i);
             if (claim_result() == LIBUSB_ERROR_BUSY) {
                 std::cout << "  cannot be used: " << holder(bus, address) << ", then run pellavoy-probe again.\n";
@@ -155,9 +200,46 @@ public:
         for (const OpenFailure& f : open_failures())
             std::cout << ids(f.vid, f.pid) << " on " << bus_place(f.bus, f.address)
                       << ": a printer that cannot be opened: " << open_advice(f.code) << "\n";
-        if (size() == 0 && open_failures().empty())
+        const bool others = list_other_interfaces();
+        if (size() == 0 && open_failures().empty() && !others)
             std::cout << "no USB printer found\n";
         return status;
+    }
+
+    // Devices whose printer interface is not interface 0: not listed above,
+    // but named, so that nobody wonders why they are missing.
+    bool list_other_interfaces()
+    {
+        usb::DeviceList list;
+        const ssize_t n = libusb_get_device_list(static_cast<libusb_context*>(_ctx), list);
+        bool any = false;
+        for (ssize_t i = 0; i < n; ++i) {
+            libusb_device* device = list[static_cast<int>(i)];
+            const uint8_t bus = libusb_get_bus_number(device), address = libusb_get_device_address(device);
+            const int itf = other_printer_interface(device);
+            if (itf < 0 || is_listed(bus, address))
+                continue;
+            libusb_device_descriptor desc;
+            libusb_get_device_descriptor(device, &desc);
+            std::cout << ids(desc.idVendor, desc.idProduct) << " on " << bus_place(bus, address) << ", "
+                      << chooser_name(bus, address, desc.idVendor, desc.idProduct)
+                      << ": a printer that cannot be used: its printer interface is interface " << itf
+                      << "; Pellavoy uses interface 0 only.\n";
+            any = true;
+        }
+        return any;
+    }
+
+    bool is_listed(uint8_t bus, uint8_t address) const
+    {
+        uint8_t b = 0, a = 0;
+        for (size_t i = 0; i < size(); ++i)
+            if (place(i, b, a) && b == bus && a == address)
+                return true;
+        for (const OpenFailure& f : open_failures())
+            if (f.bus == bus && f.address == address)
+                return true;
+        return false;
     }
 };
 
