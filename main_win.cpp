@@ -3,6 +3,7 @@
 #include "exchange.h"
 #include "i18n.h"
 #include "ipv4.h"
+#include "netcheck.h"
 #include "passwd_dlg.h"
 #include "printer_chooser.h"
 #include "protocol.h"
@@ -77,7 +78,7 @@ static void start_exchange(MainWindow* self, const char* progress, std::vector<T
     self->busy = TRUE;
     set_actions_sensitive(self, FALSE);
     status_line_set_busy(self->ctl_status, TRUE);
-    status_line_show(self->ctl_status, Mark::None, _(progress));
+    status_line_show_progress(self->ctl_status, _(progress));
     exchange_run_async(std::move(request), G_OBJECT(self), self->closing, on_exchange_done, click);
 }
 
@@ -192,6 +193,30 @@ static std::string differences(const NetRecord& sent, const NetRecord& reported)
     return out;
 }
 
+// What the check says of the page as it stands.
+static NetFindings check_page(MainWindow* self)
+{
+    return netcheck(gtk_toggle_button_get_active(GTK_TOGGLE_BUTTON(self->ctl_dhcp)), gtk_entry_get_text(self->ctl_addr),
+                    gtk_entry_get_text(self->ctl_subnet), gtk_entry_get_text(self->ctl_gateway));
+}
+
+// The entry a finding is about, by its place in the page's order.
+static GtkEntry* entry_of(MainWindow* self, size_t field)
+{
+    GtkEntry* const entries[] = {self->ctl_addr, self->ctl_subnet, self->ctl_gateway};
+    return entries[field];
+}
+
+// The findings of one level, in the page's order, each after a space.
+static std::string sentences_of(const NetFindings& findings, Level level)
+{
+    std::string out;
+    for (const auto& f : findings.entries)
+        if (f && f->level == level)
+            out += " " + f->sentence;
+    return out;
+}
+
 // The protocol has no acknowledgement: what the printer reads back after the
 // write tells whether it took the settings.
 static void netcfg_saved(MainWindow* self, const Click& click, const ExchangeResult& ex)
@@ -226,6 +251,19 @@ void main_window_on_netcfg_save(GtkButton* button, MainWindow* self)
     g_return_if_fail(!self->busy);
     g_info("main_win:48: saving net config");
 
+    // Settings that would leave the printer unreachable never go out.
+    const NetFindings findings = check_page(self);
+    if (findings.has_error()) {
+        status_line_show(self->ctl_status, Mark::Error,
+                         _("Nothing was sent to the printer:") + sentences_of(findings, Level::Error));
+        for (size_t i = 0; i < findings.entries.size(); ++i)
+            if (findings.entries[i] && findings.entries[i]->level == Level::Error) {
+                gtk_widget_grab_focus(GTK_WIDGET(entry_of(self, i)));
+                break;
+            }
+        return;
+    }
+
     // The entries stay editable during the exchange: what is said of them is decided now.
     Click* click = new Click{netcfg_saved};
     NetRecord& r = click->record;
@@ -233,7 +271,7 @@ void main_window_on_netcfg_save(GtkButton* button, MainWindow* self)
     entry_octets(self, self->ctl_addr, r.address);
     entry_octets(self, self->ctl_gateway, r.gateway);
     entry_octets(self, self->ctl_subnet, r.mask);
-    click->notes = zeroed_fields(self);
+    click->notes = r.dhcp != 0 ? zeroed_fields(self) : sentences_of(findings, Level::Warning);
     start_exchange(self, N_("Sending the network settings…"),
                    {{net_write_frame(r.dhcp != 0, r.address, r.gateway, r.mask), 0},
                     {net_read_frame(), net_reply_capacity}},
@@ -308,28 +346,42 @@ gboolean main_window_get_busy(MainWindow* self)
     return self->busy;
 }
 
-// udev's news: the status line says what came and went.
+// udev's news: the status line says what came and went. An exchange cut short
+// by an unplug has said the same words already, with its mark; udev's event
+// may come after it, and then adds nothing.
+static void show_news(MainWindow* self, Outcome news, const Printer* p)
+{
+    const std::string sentence = status_sentence(news, printer_name(p->serial, p->vid, p->pid));
+    if (sentence != status_line_get_text(self->ctl_status))
+        status_line_show(self->ctl_status, Mark::None, sentence);
+}
+
 static void main_window_on_printer_added(PrinterList* list, const Printer* p, MainWindow* self)
 {
     (void)list;
-    status_line_show(self->ctl_status, Mark::None, status_sentence(Outcome::Connected, printer_name(p->serial, p->vid, p->pid)));
+    show_news(self, Outcome::Connected, p);
 }
 
 static void main_window_on_printer_removed(PrinterList* list, const Printer* p, MainWindow* self)
 {
     (void)list;
-    status_line_show(self->ctl_status, Mark::None, status_sentence(Outcome::Disconnected, printer_name(p->serial, p->vid, p->pid)));
+    show_news(self, Outcome::Disconnected, p);
 }
 
-// Entries whose text Save would send as 0.0.0.0 show a warning; an empty one does not.
-static void on_address_changed(GtkEntry* entry, gpointer user_data)
+// Each entry shows what the check says of it, to the eye (the icon and its
+// tooltip) and to a screen reader (the entry's description); any edit of the
+// page can change what is said of every entry.
+static void mark_entries(MainWindow* self)
 {
-    (void)user_data;
-    const gchar* text = gtk_entry_get_text(entry);
-    const bool mark = text[0] != '\0' && !is_ipv4(text);
-    gtk_entry_set_icon_from_icon_name(entry, GTK_ENTRY_ICON_SECONDARY, mark ? "dialog-warning" : NULL);
-    gtk_entry_set_icon_tooltip_text(entry, GTK_ENTRY_ICON_SECONDARY,
-                                    mark ? _("Not an IPv4 address: Save sends 0.0.0.0") : NULL);
+    const NetFindings findings = check_page(self);
+    for (size_t i = 0; i < findings.entries.size(); ++i) {
+        const auto& f = findings.entries[i];
+        GtkEntry* entry = entry_of(self, i);
+        const char* icon = !f ? NULL : f->level == Level::Error ? "dialog-error" : "dialog-warning";
+        gtk_entry_set_icon_from_icon_name(entry, GTK_ENTRY_ICON_SECONDARY, icon);
+        gtk_entry_set_icon_tooltip_text(entry, GTK_ENTRY_ICON_SECONDARY, f ? f->sentence.c_str() : NULL);
+        atk_object_set_description(gtk_widget_get_accessible(GTK_WIDGET(entry)), f ? f->sentence.c_str() : "");
+    }
 }
 
 // The window is gated by the password: one attempt, and a wrong one ends the program.
@@ -414,7 +466,9 @@ static void main_window_init(MainWindow* self)
     g_object_unref(renderer);
 
     for (GtkEntry* entry : {self->ctl_addr, self->ctl_subnet, self->ctl_gateway})
-        g_signal_connect(entry, "changed", G_CALLBACK(on_address_changed), NULL);
+        g_signal_connect_swapped(entry, "changed", G_CALLBACK(mark_entries), self);
+    g_signal_connect_swapped(self->ctl_dhcp, "toggled", G_CALLBACK(mark_entries), self);
+    mark_entries(self);
 
     self->closing = g_cancellable_new();
     PrinterList* printers = printer_chooser_get_printers(self->ctl_printer);

@@ -4,6 +4,7 @@
 
 struct _StatusLine {
     GtkBox parent_instance;
+    GtkInfoBar* bar;  // holds the rest; shown anew for each outcome
     GtkImage* icon;
     GtkSpinner* spinner;
     GtkLabel* label;
@@ -60,9 +61,10 @@ std::string status_sentence(Outcome outcome, const std::string& printer, const s
     return std::string();
 }
 
-void status_line_show(StatusLine* self, Mark mark, const std::string& text)
+// The sentence and its mark; the bar's type colours the line and names it on
+// the accessibility bus (Information, Warning, Error; nothing while in progress).
+static void set_sentence(StatusLine* self, GtkMessageType type, Mark mark, const std::string& text)
 {
-    g_return_if_fail(STATUS_IS_LINE(self));
     gtk_label_set_text(self->label, text.c_str());
     // A screen reader names the mark: the icon alone says nothing to it.
     const char* icon = mark == Mark::Error ? "dialog-error" : mark == Mark::Warning ? "dialog-warning" : NULL;
@@ -70,6 +72,33 @@ void status_line_show(StatusLine* self, Mark mark, const std::string& text)
     gtk_image_set_from_icon_name(self->icon, icon, GTK_ICON_SIZE_BUTTON);
     atk_object_set_name(gtk_widget_get_accessible(GTK_WIDGET(self->icon)), name);
     gtk_widget_set_visible(GTK_WIDGET(self->icon), icon != NULL);
+    gtk_info_bar_set_message_type(self->bar, type);
+    if (type == GTK_MESSAGE_OTHER)  // GTK leaves the last type's name
+        atk_object_set_name(gtk_widget_get_accessible(GTK_WIDGET(self->bar)), "");
+}
+
+void status_line_show(StatusLine* self, Mark mark, const std::string& text)
+{
+    g_return_if_fail(STATUS_IS_LINE(self));
+    set_sentence(self, mark == Mark::Error ? GTK_MESSAGE_ERROR : mark == Mark::Warning ? GTK_MESSAGE_WARNING : GTK_MESSAGE_INFO,
+                 mark, text);
+    // Screen readers speak neither a label whose text changes nor, before
+    // Orca 46, an announcement; they do speak an info bar that becomes
+    // showing. Hidden and shown in one turn, it is never drawn hidden, and
+    // the same outcome twice is spoken twice.
+    GtkWidget* label = GTK_WIDGET(self->label);
+    const gboolean focused = gtk_widget_has_focus(label);
+    gtk_widget_hide(GTK_WIDGET(self->bar));
+    gtk_widget_show(GTK_WIDGET(self->bar));
+    if (focused)  // hiding took the focus away from the sentence being read
+        gtk_widget_grab_focus(label);
+    g_signal_emit_by_name(gtk_widget_get_accessible(GTK_WIDGET(self)), "announcement", text.c_str());
+}
+
+void status_line_show_progress(StatusLine* self, const std::string& text)
+{
+    g_return_if_fail(STATUS_IS_LINE(self));
+    set_sentence(self, GTK_MESSAGE_OTHER, Mark::None, text);
 }
 
 void status_line_set_busy(StatusLine* self, gboolean busy)
@@ -96,11 +125,17 @@ static void status_line_class_init(StatusLineClass* klass)
 static void status_line_init(StatusLine* self)
 {
     gtk_orientable_set_orientation(GTK_ORIENTABLE(self), GTK_ORIENTATION_HORIZONTAL);
-    gtk_box_set_spacing(GTK_BOX(self), 6);
-    gtk_container_set_border_width(GTK_CONTAINER(self), 4);
     // GtkStatusbar would hide the icon and the spinner from assistive
     // technologies; a box in that role shows them as its children.
     atk_object_set_role(gtk_widget_get_accessible(GTK_WIDGET(self)), ATK_ROLE_STATUSBAR);
+
+    self->bar = GTK_INFO_BAR(gtk_info_bar_new());
+    gtk_info_bar_set_message_type(self->bar, GTK_MESSAGE_OTHER);
+    GtkBox* content = GTK_BOX(gtk_info_bar_get_content_area(self->bar));
+    gtk_box_set_spacing(content, 6);
+    gtk_container_set_border_width(GTK_CONTAINER(content), 4);
+    gtk_box_pack_start(GTK_BOX(self), GTK_WIDGET(self->bar), TRUE, TRUE, 0);
+    gtk_widget_show(GTK_WIDGET(self->bar));
 
     self->icon = GTK_IMAGE(gtk_image_new());
     self->spinner = GTK_SPINNER(gtk_spinner_new());
@@ -115,9 +150,9 @@ static void status_line_init(StatusLine* self)
     for (GtkWidget* w : {GTK_WIDGET(self->icon), GTK_WIDGET(self->spinner)}) {
         gtk_widget_set_no_show_all(w, TRUE);  // shown only when there is something to show
         gtk_widget_set_valign(w, GTK_ALIGN_START);
-        gtk_box_pack_start(GTK_BOX(self), w, FALSE, FALSE, 0);
+        gtk_box_pack_start(content, w, FALSE, FALSE, 0);
     }
-    gtk_box_pack_start(GTK_BOX(self), GTK_WIDGET(self->label), TRUE, TRUE, 0);
+    gtk_box_pack_start(content, GTK_WIDGET(self->label), TRUE, TRUE, 0);
     gtk_widget_show(GTK_WIDGET(self->label));
 }
 

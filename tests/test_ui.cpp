@@ -14,6 +14,7 @@
 #include <clocale>
 #include <ctime>
 #include <libintl.h>
+#include <map>
 
 using testing_support::Capture;
 
@@ -265,33 +266,69 @@ TEST_F(Ui, LabelsComeOutInGermanFromTheCatalogue)
     setlocale(LC_ALL, "C.UTF-8");
 }
 
+// The first label inside a widget: the status line's sentence.
+static void find_label(GtkWidget* widget, gpointer found)
+{
+    GtkWidget** label = static_cast<GtkWidget**>(found);
+    if (*label == nullptr && GTK_IS_LABEL(widget))
+        *label = widget;
+    else if (GTK_IS_CONTAINER(widget))
+        gtk_container_forall(GTK_CONTAINER(widget), find_label, found);
+}
+
 // At the window's default size every sentence shows whole: wrapped, never
-// cut short, the window no wider. The longest is a Save whose read-back
-// differs in every field, with every entry sent as 0.0.0.0.
+// cut short, the window no wider. The longest are a Save refused for three
+// errors, and a Save with DHCP on whose read-back differs in every field,
+// with every entry sent as 0.0.0.0.
 TEST_F(Ui, EverySentenceIsSeenWholeAtTheDefaultSize)
 {
     bindtextdomain("Pellavoy", LOCALE_BUILD_DIR);
     bind_textdomain_codeset("Pellavoy", "UTF-8");
     vprinter::Scene scene;
     scene.devices.emplace_back();
-    scene.faults.replies = {{0x01, 255, 255, 255, 255, 255, 255, 255, 254, 255, 255, 255, 0}};
+    scene.faults.replies = {{0x00, 255, 255, 255, 255, 255, 255, 255, 254, 255, 255, 255, 0}};
     vprinter::Testbed bed(scene);
+    const char* const entries[] = {"ctl_addr", "ctl_subnet", "ctl_gateway"};
     for (const char* language : {"en", "de", "zh_CN"}) {
         SCOPED_TRACE(language);
         setenv("LANGUAGE", language, 1);
+        // gettext keeps what it found until the locale really changes: through "C" it does.
+        setlocale(LC_ALL, "C");
         setlocale(LC_ALL, "C.UTF-8");
         Toplevel<MainWindow> win(main_window_new());
         g_idle_add(answer_dialog, const_cast<char*>("724918"));
         gtk_widget_show_all(GTK_WIDGET(win.get()));
-        for (const char* entry : {"ctl_addr", "ctl_subnet", "ctl_gateway"})
+        const char* refused[] = {"255.255.255.255", "255.255.255.0.255.255.255.0.255.255.255.0", "255.255.255.255"};
+        for (int i = 0; i < 3; ++i)
+            gtk_entry_set_text(GTK_ENTRY(child_of(win, entries[i])), refused[i]);
+        const size_t frames = bed.frames().size();
+        main_window_on_netcfg_save(nullptr, win);
+        EXPECT_FALSE(main_window_get_busy(win));
+        EXPECT_EQ(bed.frames().size(), frames) << "nothing is sent";
+        EXPECT_EQ(gtk_window_get_focus(GTK_WINDOW(win.get())), child_of(win, "ctl_addr"));
+        std::vector<std::string> texts = {status_text(win)};
+
+        for (const char* entry : entries)
             gtk_entry_set_text(GTK_ENTRY(child_of(win, entry)), "printer.local");
+        gtk_toggle_button_set_active(GTK_TOGGLE_BUTTON(child_of(win, "ctl_dhcp")), TRUE);
         main_window_on_netcfg_save(nullptr, win);
         finish_exchange(win);
-        std::vector<std::string> texts = {status_text(win)};
+        texts.push_back(status_text(win));
+        const std::map<std::string, std::string> refusal = {
+            {"de", "An den Drucker wurde nichts gesendet: Die IP-Adresse 255.255.255.255 ist"},
+            {"zh_CN", "未向打印机发送任何内容： IP 地址 255.255.255.255 是"}};
+        if (refusal.count(language) != 0) {
+            EXPECT_EQ(texts[0].substr(0, refusal.at(language).size()), refusal.at(language)) << "translated";
+        }
         if (std::string(language) == "en") {
-            EXPECT_EQ(texts[0], "Sent the network settings to printer VP0001. It reports other settings: "
+            EXPECT_EQ(texts[0], "Nothing was sent to the printer: The IP address 255.255.255.255 is the broadcast "
+                                "address of every network: a printer cannot have it. The subnet mask "
+                                "“255.255.255.0.255.255.255.0.255…” is not an IPv4 address such as 255.255.255.0. "
+                                "The gateway 255.255.255.255 is the printer's own IP address: it would send to "
+                                "itself what is meant for other networks.");
+            EXPECT_EQ(texts[1], "Sent the network settings to printer VP0001. It reports other settings: "
                                 "IP address 255.255.255.255, subnet mask 255.255.255.0, gateway 255.255.255.254, "
-                                "DHCP on. The IP address was not an IPv4 address and was sent as 0.0.0.0. The subnet "
+                                "DHCP off. The IP address was not an IPv4 address and was sent as 0.0.0.0. The subnet "
                                 "mask was not an IPv4 address and was sent as 0.0.0.0. The gateway was not an IPv4 "
                                 "address and was sent as 0.0.0.0.");
         }
@@ -300,9 +337,9 @@ TEST_F(Ui, EverySentenceIsSeenWholeAtTheDefaultSize)
                                             "No such device (it may have been disconnected)", 511));
 
         StatusLine* line = STATUS_LINE(child_of(win, "ctl_status"));
-        GList* children = gtk_container_get_children(GTK_CONTAINER(line));
-        GtkWidget* label = GTK_WIDGET(g_list_last(children)->data);
-        g_list_free(children);
+        GtkWidget* label = nullptr;
+        gtk_container_forall(GTK_CONTAINER(line), find_label, &label);
+        ASSERT_NE(label, nullptr);
         for (const std::string& text : texts) {
             SCOPED_TRACE(text);
             status_line_show(line, Mark::Error, text);

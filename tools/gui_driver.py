@@ -2,7 +2,9 @@
 used by the black-box tests, the screenshot script and the benchmark.
 
 Needs an X display and a session bus (dbus-run-session -- xvfb-run -a ...);
-starts the accessibility bus itself. Run with Debian's /usr/bin/python3.
+starts the accessibility bus itself. The program may run on a Wayland
+compositor instead (GDK_BACKEND=wayland in its env), driven the same way.
+Run with Debian's /usr/bin/python3.
 """
 import os
 import subprocess
@@ -69,10 +71,13 @@ class Pellavoy:
     with emulate=False, on the machine's own USB devices."""
 
     def __init__(self, *printer_options, password=PASSWORD, program=None, env=None, summary=False, emulate=True):
+        """env: variables to set, or with None to unset."""
         self.tmp = tempfile.TemporaryDirectory(prefix="pellavoy-gui-")
         self.frames_path = os.path.join(self.tmp.name, "frames")
         self.stderr_path = os.path.join(self.tmp.name, "stderr")
         env = dict(os.environ, GTK_A11Y="atspi", NO_AT_BRIDGE="0", TZ="UTC", **(env or {}))
+        env = {name: value for name, value in env.items() if value is not None}
+        self.wayland = env.get("GDK_BACKEND") == "wayland"
         self.stderr = open(self.stderr_path, "w")
         program = program or os.path.join(BUILD, "pellavoy")
         emulator = [os.path.join(BUILD, "tools", "virtual-printer"), *([] if summary else ["--quiet"]),
@@ -132,12 +137,12 @@ class Pellavoy:
     def status_mark(self):
         """The accessible name of the icon shown in the status line ("Error",
         "Warning"), or None without one."""
-        icons = [n for n in self.status_bar().children if n.roleName == "icon" and n.showing]
+        icons = self.status_bar().findChildren(lambda n: n.roleName == "icon" and n.showing)
         return icons[0].name if icons else None
 
     def busy(self):
         """An exchange runs: the status line's spinner shows."""
-        return any(n.roleName == "animation" and n.showing for n in self.status_bar().children)
+        return bool(self.status_bar().findChildren(lambda n: n.roleName == "animation" and n.showing))
 
     def chooser(self):
         return self.app.child(roleName="combo box")
@@ -152,10 +157,16 @@ class Pellavoy:
         """To the virtual printer: SIGUSR1 unplugs the printer --hotplug names, SIGUSR2 plugs it back in."""
         self.proc.send_signal(sig)
 
-    def address_warning(self, label):
-        """The tooltip of the warning icon in that entry, or None without one."""
-        icons = [c for c in self._entries_by_label()[label].children if c.roleName == "icon"]
-        return icons[0].description if icons else None
+    def mark(self, label):
+        """What the check says of that entry: (icon name, its tooltip, the
+        entry's accessible description); (None, None, "") without a finding."""
+        entry = self._entries_by_label()[label]
+        icons = [c for c in entry.children if c.roleName == "icon"]
+        return (icons[0].name if icons else None, icons[0].description if icons else None, entry.description or "")
+
+    def focused_entry(self):
+        """The label of the entry that has the keyboard focus, or None."""
+        return next((label for label, entry in self._entries_by_label().items() if entry.focused), None)
 
     def page(self, name):
         tab = self.app.child(name=name, roleName="page tab")
@@ -204,6 +215,11 @@ class Pellavoy:
     # --- the end ----------------------------------------------------------------
     def close_window(self):
         """Asks the main window to close, as a window manager's close button does."""
+        if self.wayland:
+            # The window draws its own title bar there, the frame's first child.
+            frame = self.app.child(name="Pellavoy", roleName="frame", recursive=False)
+            press(frame.children[0].child(name="Close", roleName="push button"))
+            return
         d = display.Display()
         pid = self.pid
         net_wm_pid = d.intern_atom("_NET_WM_PID")

@@ -1,7 +1,7 @@
 """One full session of the real pellavoy binary under valgrind's memcheck,
-against two virtual printers: password, Load, Save, log Load, another printer
-chosen, that printer unplugged and plugged back, Load, then a Save that the
-printer does not take, and the window closed while it waits. Fails on any
+against two virtual printers: password, Load, a Save refused by the check, a
+Save with a warning, log Load, another printer chosen, that printer unplugged
+and plugged back, Load, then a Save that the printer does not take, and the window closed while it waits. Fails on any
 invalid read, write or free, and on bytes definitely lost whose stack holds
 the project's own code; pellavoy.supp names the noise of the libraries.
 
@@ -20,7 +20,7 @@ sys.path.insert(0, os.path.join(HERE, "..", "..", "tools"))
 import gui_driver as driver  # noqa: E402
 
 # Project functions: everything linked into the binary but main(), which every stack passes.
-PROJECT_SOURCES = ("main_win.cpp", "passwd_dlg.cpp", "printer_list.cpp", "exchange.cpp", "status_line.cpp", "log.cpp",
+PROJECT_SOURCES = ("main_win.cpp", "passwd_dlg.cpp", "printer_list.cpp", "exchange.cpp", "status_line.cpp", "netcheck.cpp", "log.cpp",
                    "usb_mgr.cpp", "plog_ex.h")
 
 
@@ -38,6 +38,8 @@ def session(xml_path):
     try:
         app.act("Load")
         app.set_field("Gateway:", "not an address")
+        app.act("Save")  # refused: nothing goes out
+        app.set_field("Gateway:", "10.0.1.1")
         app.act("Save")
         app.page("Log")
         app.act("Load")

@@ -16,6 +16,8 @@ import gui_driver as driver  # noqa: E402
 def requests(program, button):
     app = driver.Pellavoy(program=program, summary=True)
     if button:
+        app.set_field("IP address:", "192.168.1.100")  # an empty page is refused without an exchange
+        app.set_field("Subnet mask:", "255.255.255.0")
         before = len(app.ui_lines())
         app.click(button)
         # The handler's first line, then the chooser sensitive again: the exchange has ended.
