@@ -70,6 +70,9 @@ static Outcome transfer_outcome(int code, Outcome timeout, const usb_dev_summary
 {
     if (code == LIBUSB_ERROR_TIMEOUT)
         return timeout;
+    // More came than was asked for: a reply the window cannot use, not a broken exchange.
+    if (code == LIBUSB_ERROR_OVERFLOW)
+        return Outcome::LongReply;
     if (code == LIBUSB_ERROR_NO_DEVICE || (code == LIBUSB_ERROR_IO && node_gone(dev)))
         return Outcome::Disconnected;
     return Outcome::Failed;

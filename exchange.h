@@ -16,7 +16,7 @@
 // failures; the pages give the successes.
 enum class Outcome {
     NetcfgRead, NetcfgSent, JobsRead, JobLogEmpty, TimeSent, LogCleared, Connected,
-    NoPrinter, OtherInterface, NotConnected, NoWayBack, OpenDenied, OpenFailed, Busy, ReadTimeout, WriteTimeout, Disconnected, Failed, BadReply,
+    NoPrinter, OtherInterface, NotConnected, NoWayBack, OpenDenied, OpenFailed, Busy, ReadTimeout, WriteTimeout, Disconnected, Failed, LongReply, BadReply,
 };
 
 // One frame, and one reply read after it when reply_capacity is not 0. A

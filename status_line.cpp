@@ -41,6 +41,7 @@ static const Sentence sentences[] = {
     {Outcome::WriteTimeout, N_("Printer %s did not accept the command within 2 seconds."), NULL},
     {Outcome::Disconnected, N_("Printer %s was disconnected."), NULL},
     {Outcome::Failed, N_("The exchange with printer %s failed: %s."), NULL},
+    {Outcome::LongReply, N_("Printer %s sent a longer reply than expected."), NULL},
     {Outcome::BadReply, NP_("Printer %1$s sent an unexpected reply (%2$u byte).",
                             "Printer %1$s sent an unexpected reply (%2$u bytes).")},
 };

@@ -32,22 +32,30 @@ config.logDebugToFile = False
 PASSWORD = "724918"
 BUILD = os.environ.get("PELLAVOY_BUILD", os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "build"))
 _bus = None
+_runtime = None
 
 
 def start_accessibility_bus():
-    global _bus
+    global _bus, _runtime
     if _bus is None:
+        # A bus of this run's own: as root without XDG_RUNTIME_DIR every session
+        # shares one socket (~/.cache/at-spi/bus), and two runs side by side
+        # would disturb each other.
+        _runtime = tempfile.TemporaryDirectory(prefix="pellavoy-a11y-")
+        os.environ["XDG_RUNTIME_DIR"] = _runtime.name
         _bus = subprocess.Popen(["/usr/libexec/at-spi-bus-launcher", "--launch-immediately"],
                                 stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         time.sleep(0.5)
 
 
 def stop_accessibility_bus():
-    global _bus
+    global _bus, _runtime
     if _bus is not None:
         _bus.terminate()
         _bus.wait()
         _bus = None
+        _runtime.cleanup()
+        _runtime = None
 
 
 def wait_for(predicate, timeout=10.0, what="condition"):

@@ -148,6 +148,14 @@ std::string get_str_desc(libusb_device_handle* handle, uint8_t index)
     return std::string(text, strnlen(text, buf.size()));
 }
 
+std::string device_id_text(const unsigned char* reply, size_t size)
+{
+    if (reply == nullptr || size <= 2)
+        return std::string();
+    const char* text = reinterpret_cast<const char*>(reply) + 2;
+    return std::string(text, strnlen(text, size - 2));
+}
+
 DeviceList::DeviceList() : _devs(nullptr) {}
 
 DeviceList::~DeviceList()
@@ -494,9 +502,7 @@ bool UsbManager::get_1284_id(const void* handle, std::string& out_buf, size_t ti
         USB_LOG(plog::warning, get_1284_id_func) << usb::get_err_msg(r);
         return false;
     }
-    // Skip the two length bytes; the text ends at the first zero byte or the buffer's end.
-    const char* text = reinterpret_cast<const char*>(buf.data()) + 2;
-    out_buf.assign(text, strnlen(text, buf.size() - 2));
+    out_buf = usb::device_id_text(buf.data(), buf.size());
     return true;
 }
 

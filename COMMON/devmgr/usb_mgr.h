@@ -42,6 +42,9 @@ namespace usb {
 
 std::string get_err_msg(int32_t code);
 std::string get_str_desc(libusb_device_handle* handle, uint8_t index);
+// The IEEE 1284 device ID in a GET_DEVICE_ID reply: past the two length bytes,
+// up to the first zero byte or the reply's end.
+std::string device_id_text(const unsigned char* reply, size_t size);
 
 // Owns the array from libusb_get_device_list (and the device references in it).
 class DeviceList {

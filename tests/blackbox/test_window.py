@@ -175,6 +175,15 @@ class LogPage(Case):
                          "a short reply gives no records line")
         self.assertEqual(app.frames(), [READ_LOG] * len(cases))
 
+    def test_a_longer_reply_is_said_in_words(self):
+        app = self.run_app("--overflow", "--job-log", "60,120")
+        app.page("Log")
+        self.assertEqual(app.act("Load"), "Printer VP0001 sent a longer reply than expected.")
+        self.assertEqual(app.status_mark(), "Error")
+        self.assertEqual(app.log_rows(), [])
+        self.assertEqual(app.ui_lines(), ["[I]main_win:65: loading log", "[I]main_win:75: read 2048 bytes",
+                                          "[I]main_win:78: 0 records"], "the read failed: nothing of the reply is used")
+
 
 class Outcomes(Case):
     def test_success_of_each_action(self):
@@ -214,7 +223,9 @@ class Outcomes(Case):
              "Operation timed out"),
             (("--stall", "out"), "Load", "The exchange with printer VP0001 failed: Pipe error.", "Error", [READ_NETCFG],
              "Pipe error"),
-            (("--overflow",), "Load", "The exchange with printer VP0001 failed: Overflow.", "Error", [READ_NETCFG],
+            (("--overflow",), "Load", "Printer VP0001 sent a longer reply than expected.", "Error", [READ_NETCFG],
+             "Overflow"),
+            (("--overflow",), "Save", SENT + " It did not report them back.", "Warning", [SAVE_FRAME, READ_NETCFG],
              "Overflow"),
             (("--unplug-after", "1"), "Load", "Printer VP0001 was disconnected.", "Error", [READ_NETCFG], gone),
             # Pulled out while the window waits for the reply: the kernel's bus error.

@@ -2,6 +2,7 @@
 // ID and port status, for a technician at a console, and says of every
 // printer it cannot use why, and what to do.
 #include "COMMON/devmgr/usb_mgr.h"
+#include "port_status.h"
 
 #include <libusb.h>
 
@@ -141,15 +142,6 @@ std::string open_advice(int code)
     if (code == LIBUSB_ERROR_NO_DEVICE)
         return usb::get_err_msg(code) + ".\n  Check the cable, plug the printer in again and run pellavoy-probe again.";
     return usb::get_err_msg(code) + ".";
-}
-
-// The printer class's port status bits.
-std::string port_status_words(uint8_t status)
-{
-    std::string words = status & 0x20 ? "paper empty, " : "";
-    words += status & 0x10 ? "selected" : "not selected";
-    words += status & 0x08 ? ", no error" : ", error";
-    return words;
 }
 
 class Probe : public UsbManager {

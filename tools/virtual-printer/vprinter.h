@@ -39,6 +39,9 @@ struct DeviceSpec {
     // With descriptors: its string descriptors by index; std::nullopt is one
     // the device refuses (the request stalls), as is an index not listed.
     std::map<uint8_t, std::optional<std::string>> strings;
+    // String descriptors returned byte for byte, before those above: an odd
+    // or wrong bLength, say.
+    std::map<uint8_t, Bytes> raw_strings;
     std::string name;        // how the summary names it; empty: by its kind
     unsigned speed_mbps = 480;
 };
