@@ -154,7 +154,10 @@ static void run_in_worker(GTask* task, gpointer source, gpointer request, GCance
 {
     (void)source;
     (void)cancellable;  // a cancelled exchange still ends its transfers and releases the printer
-    auto* result = new ExchangeResult(exchange_run(*static_cast<const ExchangeRequest*>(request)));
+    const auto& req = *static_cast<const ExchangeRequest*>(request);
+    auto* result = new ExchangeResult(exchange_run(req));
+    if (req.digest)
+        result->digest = req.digest(*result);
     g_task_return_pointer(task, result, [](gpointer r) { delete static_cast<ExchangeResult*>(r); });
 }
 

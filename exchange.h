@@ -8,6 +8,8 @@
 
 #include <gio/gio.h>
 
+#include <any>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -27,6 +29,8 @@ struct Transfer {
     gsize reply_capacity = 0;
 };
 
+struct ExchangeResult;
+
 struct ExchangeRequest {
     std::string port;               // the chosen USB port; empty: the first printer found
     Printer chosen;                 // the printer last seen at port, to name it while it is away
@@ -35,6 +39,9 @@ struct ExchangeRequest {
     // The first transfer is the command. The ones after it are follow-ups:
     // they run only when the claim and the first transfer went through.
     std::vector<Transfer> transfers;
+    // Optional, run in the worker after the transfers: turns the replies into
+    // plain values (never widgets) that the result carries as digest.
+    std::function<std::any(const ExchangeResult&)> digest;
 };
 
 struct TransferResult {
@@ -52,6 +59,7 @@ struct ExchangeResult {
     std::string printer;    // its name, for the status line
     std::string text;       // libusb's, for the failures that quote it
     std::vector<TransferResult> transfers;  // one per transfer of the request
+    std::any digest;        // what the request's digest made of it; empty without one
 };
 
 // What a click says when no printer is attached: that none is, or which

@@ -9,6 +9,7 @@
 #include "protocol.h"
 #include "status_line.h"
 
+#include <any>
 #include <memory>
 #include <string.h>
 #include <string>
@@ -83,12 +84,14 @@ static void on_exchange_done(GObject* source, GAsyncResult* result, gpointer dat
 }
 
 // Runs one click's exchange with the printer chosen now, in the background;
-// click->done shows what it came to.
-static void start_exchange(MainWindow* self, const char* progress, std::vector<Transfer> transfers, Click* click)
+// click->done shows what it came to, with what digest made of the replies in the worker.
+static void start_exchange(MainWindow* self, const char* progress, std::vector<Transfer> transfers, Click* click,
+                           std::any (*digest)(const ExchangeResult&) = nullptr)
 {
     ExchangeRequest request;
     printer_chooser_fill_request(self->ctl_printer, request);
     request.transfers = std::move(transfers);
+    request.digest = digest;
     self->busy = TRUE;
     g_set_weak_pointer(&self->focus, gtk_window_get_focus(GTK_WINDOW(self)));
     update_sensitivity(self);
@@ -293,33 +296,58 @@ void main_window_on_netcfg_save(GtkButton* button, MainWindow* self)
                    click);
 }
 
+// The job log as the list shows it, made in the worker, away from the main
+// loop: the parse and each record's local time in words.
+struct LogRecord {
+    guint32 time;
+    std::string text;
+};
+
+struct LogRows {
+    JobLog log;
+    std::vector<LogRecord> records;
+};
+
+static std::any log_rows(const ExchangeResult& ex)
+{
+    LogRows rows;
+    if (!ex.sent)
+        return rows;
+    rows.log = job_log_parse(ex.transfers[0].reply, ex.transfers[0].length);
+    for (const guint32 t : rows.log.times) {
+        GDateTime* moment = g_date_time_new_from_unix_local(t);
+        gchar* text = g_date_time_format(moment, "%F %T");
+        rows.records.push_back({t, text});
+        g_free(text);
+        g_date_time_unref(moment);
+    }
+    return rows;
+}
+
 static void log_loaded(MainWindow* self, const Click& click, const ExchangeResult& ex)
 {
     (void)click;
     const TransferResult& r = ex.transfers[0];
+    const LogRows* rows = std::any_cast<LogRows>(&ex.digest);
+    g_return_if_fail(rows != nullptr);
+    // Filled before the list shows it: one model change, not one per row.
     GtkListStore* store = gtk_list_store_new(2, G_TYPE_STRING, G_TYPE_STRING);
-    guint rows = 0;
     if (ex.sent) {
         g_info("main_win:75: read %u bytes", static_cast<guint>(r.length));
-        const JobLog log = job_log_parse(r.reply, r.length);
-        if (log.usable) {
-            g_info("main_win:78: %u records", log.count);
-            for (const guint32 t : log.times) {
-                ++rows;
-                GDateTime* moment = g_date_time_new_from_unix_local(t);
-                gchar* text = g_date_time_format(moment, "%F %T");
-                g_info("main_win:84: %u => %s", t, text);
-                gtk_list_store_insert_with_values(store, NULL, -1, 0, text, 1, "start job", -1);
-                g_free(text);
-                g_date_time_unref(moment);
+        if (rows->log.usable) {
+            g_info("main_win:78: %u records", rows->log.count);
+            for (const LogRecord& record : rows->records) {
+                g_info("main_win:84: %u => %s", record.time, record.text.c_str());
+                gtk_list_store_insert_with_values(store, NULL, -1, 0, record.text.c_str(), 1, "start job", -1);
             }
         }
     }
     // Also on failure: a load that finds nothing empties the list.
     gtk_tree_view_set_model(self->ctl_log_view, GTK_TREE_MODEL(store));
     g_object_unref(store);
-    report(self, ex, rows > 0 ? Outcome::JobsRead : Outcome::JobLogEmpty, r.length <= 3,
-           r.length <= 3 ? static_cast<guint>(r.length) : rows);
+    const guint count = static_cast<guint>(rows->records.size());
+    report(self, ex, count > 0 ? Outcome::JobsRead : Outcome::JobLogEmpty, r.length <= 3,
+           r.length <= 3 ? static_cast<guint>(r.length) : count);
 }
 
 void main_window_on_log_load(GtkButton* button, MainWindow* self)
@@ -329,7 +357,7 @@ void main_window_on_log_load(GtkButton* button, MainWindow* self)
     g_return_if_fail(!self->busy);
     g_info("main_win:65: loading log");
     start_exchange(self, N_("Reading the job log…"), {{log_read_frame(), log_reply_capacity}},
-                   new Click{log_loaded});
+                   new Click{log_loaded}, log_rows);
 }
 
 void main_window_on_log_trigger(GtkButton* button, MainWindow* self)
@@ -467,6 +495,31 @@ static void main_window_class_init(MainWindowClass* klass)
     gtk_widget_class_bind_template_callback_full(widget_class, "on_log_reset", G_CALLBACK(main_window_on_log_reset));
 }
 
+// The list measures no row, which for a full printer cost more than all the
+// rest: each column is as wide as its widest text (or its header), as a
+// sample row measures it, and every row as high as the first. Measured again
+// when the style, and so the font, changes.
+static void size_log_columns(GtkWidget* view, gpointer user_data)
+{
+    (void)user_data;
+    GtkListStore* sample = gtk_list_store_new(2, G_TYPE_STRING, G_TYPE_STRING);
+    GtkTreeIter row;
+    gtk_list_store_insert_with_values(sample, &row, -1, 0, "0000-00-00 00:00:00", 1, "start job", -1);
+    gint separator = 0;
+    gtk_widget_style_get(view, "horizontal-separator", &separator, NULL);
+    for (guint i = 0; i < gtk_tree_view_get_n_columns(GTK_TREE_VIEW(view)); ++i) {
+        GtkTreeViewColumn* column = gtk_tree_view_get_column(GTK_TREE_VIEW(view), static_cast<gint>(i));
+        gtk_tree_view_column_cell_set_cell_data(column, GTK_TREE_MODEL(sample), &row, FALSE, FALSE);
+        gint cell = 0, header = 0;
+        gtk_tree_view_column_cell_get_size(column, NULL, NULL, NULL, &cell, NULL);
+        gtk_widget_get_preferred_width(gtk_tree_view_column_get_button(column), NULL, &header);
+        const gint width = MAX(cell + separator, header);
+        if (gtk_tree_view_column_get_fixed_width(column) != width)
+            gtk_tree_view_column_set_fixed_width(column, width);
+    }
+    g_object_unref(sample);
+}
+
 static void main_window_init(MainWindow* self)
 {
     gtk_widget_init_template(GTK_WIDGET(self));
@@ -478,6 +531,11 @@ static void main_window_init(MainWindow* self)
     gtk_tree_view_insert_column_with_attributes(self->ctl_log_view, -1, _("Time"), renderer, "text", 0, NULL);
     gtk_tree_view_insert_column_with_attributes(self->ctl_log_view, -1, _("Event"), renderer, "text", 1, NULL);
     g_object_unref(renderer);
+    for (gint i = 0; i < 2; ++i)
+        gtk_tree_view_column_set_sizing(gtk_tree_view_get_column(self->ctl_log_view, i), GTK_TREE_VIEW_COLUMN_FIXED);
+    gtk_tree_view_set_fixed_height_mode(self->ctl_log_view, TRUE);
+    size_log_columns(GTK_WIDGET(self->ctl_log_view), NULL);
+    g_signal_connect(self->ctl_log_view, "style-updated", G_CALLBACK(size_log_columns), NULL);
 
     for (GtkEntry* entry : {self->ctl_addr, self->ctl_subnet, self->ctl_gateway})
         g_signal_connect_swapped(entry, "changed", G_CALLBACK(mark_entries), self);
