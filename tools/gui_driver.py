@@ -19,6 +19,7 @@ Gio.Settings.new("org.gnome.desktop.interface").set_boolean("toolkit-accessibili
 
 from dogtail import rawinput, tree  # noqa: E402
 from dogtail.config import config  # noqa: E402
+import pyatspi  # noqa: E402
 from Xlib import X, display, protocol  # noqa: E402
 
 config.actionDelay = 0.05
@@ -66,6 +67,13 @@ def wait_for(predicate, timeout=10.0, what="condition"):
             return value
         time.sleep(0.05)
     raise AssertionError("timed out waiting for " + what)
+
+
+def shown(node):
+    """Whether the window has made the widget visible. GTK reports "showing"
+    only once the widget has been laid out, a frame after it was shown, so a
+    mark or spinner just switched on can read as not showing for a moment."""
+    return node.getState().contains(pyatspi.STATE_VISIBLE)
 
 
 def press(node):
@@ -145,12 +153,12 @@ class Pellavoy:
     def status_mark(self):
         """The accessible name of the icon shown in the status line ("Error",
         "Warning"), or None without one."""
-        icons = self.status_bar().findChildren(lambda n: n.roleName == "icon" and n.showing)
+        icons = self.status_bar().findChildren(lambda n: n.roleName == "icon" and shown(n))
         return icons[0].name if icons else None
 
     def busy(self):
         """An exchange runs: the status line's spinner shows."""
-        return bool(self.status_bar().findChildren(lambda n: n.roleName == "animation" and n.showing))
+        return bool(self.status_bar().findChildren(lambda n: n.roleName == "animation" and shown(n)))
 
     def chooser(self):
         return self.app.child(roleName="combo box")
