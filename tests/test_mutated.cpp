@@ -182,13 +182,13 @@ TEST(MutatedDescriptors, TheManagerAndTheProbeSurviveEveryOne)
     unsigned listed = 0, skipped = 0, unseen = 0, probed = 0;
     for (const Mutation& m : mutations) {
         for (size_t i = 0; i < corpus.size(); ++i) {
-            vprinter::DeviceSpec spec = corpus[i].device;
-            m.apply(rng, spec);
+            vprinter::DeviceSpec device = corpus[i].device;
+            m.apply(rng, device);
             const std::string what = std::string(m.name) + " " + corpus[i].name + ": " +
-                                     vprinter::to_hex(spec.descriptors.data(), spec.descriptors.size());
+                                     vprinter::to_hex(device.descriptors.data(), device.descriptors.size());
             SCOPED_TRACE(what);
             vprinter::Scene scene;
-            scene.devices = {spec};
+            scene.devices = {device};
             vprinter::Testbed bed(scene);
             const bool seen = bed.describe().find("not enumerated") == std::string::npos;
 
@@ -200,9 +200,9 @@ TEST(MutatedDescriptors, TheManagerAndTheProbeSurviveEveryOne)
                 ++listed;
                 const UsbDevInfo& dev = mgr[0];
                 EXPECT_TRUE(seen);
-                EXPECT_EQ(dev.vid, spec.descriptors[8] | spec.descriptors[9] << 8);
-                EXPECT_EQ(dev.pid, spec.descriptors[10] | spec.descriptors[11] << 8);
-                EXPECT_TRUE(printer_interface_in(spec.descriptors, dev.itf)) << "listed: interface " << int(dev.itf);
+                EXPECT_EQ(dev.vid, device.descriptors[8] | device.descriptors[9] << 8);
+                EXPECT_EQ(dev.pid, device.descriptors[10] | device.descriptors[11] << 8);
+                EXPECT_TRUE(printer_interface_in(device.descriptors, dev.itf)) << "listed: interface " << int(dev.itf);
                 EXPECT_TRUE(dev.out_ep == 0 || !(dev.out_ep & 0x80)) << int(dev.out_ep);
                 EXPECT_TRUE(dev.in_ep == 0 || (dev.in_ep & 0x80)) << int(dev.in_ep);
                 EXPECT_EQ(dev.sn.find('\0'), std::string::npos);

@@ -48,8 +48,8 @@ struct DeviceSpec {
 
 // The descriptors a device returns and its strings, built from the kind and
 // fields when no raw descriptors are given: the one shape the emulation runs.
-Bytes descriptors_of(const DeviceSpec& spec);
-std::map<uint8_t, std::optional<std::string>> strings_of(const DeviceSpec& spec);
+Bytes descriptors_of(const DeviceSpec& device);
+std::map<uint8_t, std::optional<std::string>> strings_of(const DeviceSpec& device);
 
 // A device from the corpus of real printers (one JSON object a line: name,
 // category, source, vid, pid, speed_mbps, strings, descriptors).
