@@ -12,7 +12,7 @@ import tempfile
 import time
 
 os.environ["GSETTINGS_BACKEND"] = "memory"
-from gi.repository import Gio  # noqa: E402
+from gi.repository import Gio, GLib  # noqa: E402
 
 # dogtail refuses to start unless the desktop says accessibility is on.
 Gio.Settings.new("org.gnome.desktop.interface").set_boolean("toolkit-accessibility", True)
@@ -57,6 +57,17 @@ def stop_accessibility_bus():
         _bus = None
         _runtime.cleanup()
         _runtime = None
+
+
+def pump_events(seconds=0.3):
+    """Lets the accessibility bus's events reach a listener in this process:
+    they wait in its connection until the GLib main loop runs."""
+    context = GLib.MainContext.default()
+    end = time.time() + seconds
+    while time.time() < end:
+        while context.pending():
+            context.iteration(False)
+        time.sleep(0.01)
 
 
 def wait_for(predicate, timeout=10.0, what="condition"):

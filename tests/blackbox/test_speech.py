@@ -8,13 +8,12 @@ import signal
 import subprocess
 import tempfile
 import threading
-import time
 import unittest
 
 import pyatspi
 from gi.repository import GLib
 
-from gui_driver import wait_for
+from gui_driver import pump_events, wait_for
 from test_window import NETCFG, SENT, Case
 
 EVENTS = ("object:announcement", "object:state-changed:showing")
@@ -48,13 +47,7 @@ class Listener:
             pass
 
     def pump(self, seconds):
-        """Events wait in the listener's connection until its main loop runs."""
-        context = GLib.MainContext.default()
-        end = time.time() + seconds
-        while time.time() < end:
-            while context.pending():
-                context.iteration(False)
-            time.sleep(0.02)
+        pump_events(seconds)
 
     def take(self, count, timeout=5):
         """The next count events, and a moment more to see that none follows."""

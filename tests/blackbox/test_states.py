@@ -3,29 +3,17 @@ binary: the sensitive state it keeps from the accessibility bus's events, as
 Orca keeps it, is what each control does before the password, after it,
 during an exchange and after it; and the keyboard focus is where it was once
 an exchange ends."""
-import time
 import unittest
 
 import pyatspi
-from gi.repository import GLib
 from Xlib import X, XK, display
 from Xlib.ext import xtest
 
-from gui_driver import PASSWORD, Pellavoy, wait_for
+from gui_driver import PASSWORD, Pellavoy, pump_events as pump, wait_for
 
 ROLES = ("push button", "check box", "combo box", "text", "page tab", "page tab list")
 LOCKED, IDLE, BUSY = "before the password", "idle", "during an exchange"
 GW = "text Gateway: (Network Settings)"
-
-
-def pump(seconds=0.3):
-    """Lets the bus's events reach their listener."""
-    context = GLib.MainContext.default()
-    end = time.time() + seconds
-    while time.time() < end:
-        while context.pending():
-            context.iteration(False)
-        time.sleep(0.01)
 
 
 def expected(key, moment):
